@@ -1,0 +1,93 @@
+// The change-handler frame shared by every configuration handler.
+#include "av_frame.h"
+
+extern "C" {
+AV_VISIBLE unsigned char g_ucAvApiDebug = 0;
+}
+
+namespace av {
+
+void trace(const char* format, ...) {
+    if (g_ucAvApiDebug == 0) return;
+    va_list args;
+    va_start(args, format);
+    vprintf(format, args);
+    va_end(args);
+}
+
+Change::Change(const Call& call, const char* path, int tracePoint) : call_(call) {
+    memset_s(&header_, sizeof header_, 0, sizeof header_);
+    header_.msg_type = API_DP2QMX_CMD_CONFIG;
+    header_.model_type = API_MODULE_TK_AV;
+    trace("in %d, op is %d\r\n", tracePoint, static_cast<int>(call.op));
+    if (asprintf(&path_, "%s", path) < 0) path_ = nullptr;
+}
+
+Change::~Change() {
+    free(message_);
+    free(path_);
+}
+
+bool Change::parentRemoved(std::initializer_list<int> levels) const {
+    int ops = 0;
+    for (int level : levels) ops |= priority_transapi_find_parent_op_by_xmldiff(call_.data, level);
+    trace("in %d, parent op is %d\r\n", __LINE__, ops);
+    if (!removes(ops)) return false;
+    trace("SUCCESS: The parent operation is deleted.\r\n");
+    return true;
+}
+
+const char* Change::key(int level, const char* name) const {
+    return priority_transapi_find_parent_key_node_content(level, call_.node, name);
+}
+
+int Change::refuse(const char* message, NC_ERR code) {
+    trace("ERROR: %s\r\n", message);
+    free(message_);
+    if (asprintf(&message_, "%s", message) < 0) message_ = nullptr;
+    return fail_nc_err(call_.error, message_, path_, 1, code);
+}
+
+int Change::drop() {
+    trace("SUCCESS: The op is OK.\r\n");
+    api_script_clear_lines();
+    return 0;
+}
+
+int Change::send(const char* vsys, const char* view, const char* viewTemplate, const char* line,
+                 CMD_OPERATION cmdOp, bool withOrigin) {
+    msg_to_dp_t* reply = nullptr;
+    api_script_cache_lines(vsys, view, viewTemplate, line);
+    trace(" %s \r\n", line);
+    int ret = transapi_comm_with_qmx(header_, cmdOp, &reply, call_.error, withOrigin ? path_ : nullptr);
+    if (ret != 0) trace("The send of \"%s\" failed: %d.\r\n", line, ret);
+    return ret;
+}
+
+ProfileChange::ProfileChange(const Call& call, const char* path, std::initializer_list<int> screened,
+                             Normalise when, int tracePoint)
+    : Change(call, path, tracePoint) {
+    if (parentRemoved(screened)) {
+        finished_ = true;
+        return;
+    }
+    const int* levels = screened.begin();
+    vsys_ = key(levels[0], "name");
+    if (vsys_ == nullptr) {
+        fail("The vsys name node is NULL.", NC_ERR_MISSING_ELEM);
+        return;
+    }
+    profileKey_ = key(levels[1], "name");
+    if (profileKey_ == nullptr) {
+        fail("The profile name node is NULL.", NC_ERR_MISSING_ELEM);
+        return;
+    }
+    if (when == Normalise::Now) normalise();
+}
+
+bool ProfileChange::normalise() {
+    if (!trimInto(profileKey_, profile_)) return fail("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    return true;
+}
+
+}  // namespace av

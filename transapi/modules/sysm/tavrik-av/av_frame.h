@@ -62,6 +62,11 @@ inline bool chains(int op) { return (op & XMLDIFF_CHAIN) != 0; }
 inline bool nameIs(const xmlNode* node, const char* name) {
     return node->type == XML_ELEMENT_NODE && xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>(name)) == 0;
 }
+inline bool oneOf(const char* text, std::initializer_list<const char*> keywords) {
+    for (const char* keyword : keywords)
+        if (strcmp(text, keyword) == 0) return true;
+    return false;
+}
 inline bool contains(const char* text, char c) {
     return xmlStrchr(reinterpret_cast<const xmlChar*>(text), static_cast<xmlChar>(c)) != nullptr;
 }
@@ -103,6 +108,9 @@ private:
 };
 
 enum class Normalise { Now, Later };
+
+// Path string prefix of the handlers below a profile entry.
+#define AV_PROFILE_PATH "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile/"
 
 // A change below a profile entry: screens the ancestors, looks up the vsys
 // and profile keys (at the first two screened levels) and trims the profile

@@ -38,3 +38,22 @@ AV_EXPORT void AV_GetDetectConfig(xmlNodePtr pstChild, char* pcDirection, unsign
 AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtocol);
 AV_EXPORT unsigned int AV_CheckDetectActionConfig(char* pcAction, char* pcProtocol);
 AV_EXPORT unsigned int AV_CheckDetectConfig(char* pcDirection, char* pcAction, char* pcProtocol);
+
+// Readers of one child element of a list entry.
+AV_EXPORT void AV_GetExceptAppConfig(xmlNodePtr pstChild, char* pcExcetAppName, unsigned int uiBufLen1,
+                                     char* pcExcetAction, unsigned int uiBufLen2);
+AV_EXPORT void AV_GetSourceRangeConfig(xmlNodePtr pstChild, char* pcSourceIpStart, unsigned int uiBufLen1,
+                                       char* pcSourceIpEnd, unsigned int uiBufLen2);
+
+// Match types of a whitelist rule, implied by asterisks at the value's ends.
+typedef enum tagAV_PATTERN_MATCH_TYPE {
+    AV_MATCH_PREFIX = 0,
+    AV_MATCH_SUFIX = 1,
+    AV_MATCH_FUZZY = 2,
+    AV_MATCH_EXACT = 3,
+    AV_MATCH_MAX = 4
+} AV_PATTERN_MATCH_TYPE;
+
+AV_EXPORT const char* const g_acAvMatchType[AV_MATCH_MAX];
+AV_EXPORT void AV_GetInputMatchType(char* pcWhitelistUrl, unsigned int* puiType);
+AV_EXPORT unsigned int AV_MatchTypeCorrect(char* pcWhitelistUrl, char* pcMatchType);

@@ -1,8 +1,6 @@
 // A profile's description and its three feature switches.
 #include "av_handlers.h"
 
-#define AV_PROFILE_PATH "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile/"
-
 AV_EXPORT int callback_AV_ProfileDescription(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
     av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "description", {3, 1});
     if (c.finished()) return c.result();

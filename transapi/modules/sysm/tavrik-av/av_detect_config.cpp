@@ -1,0 +1,132 @@
+// Direction and action of one scanned protocol: the detect-configuration
+// container and its two leaves.
+#include "av_handlers.h"
+
+#define AV_DETECT_CONFIG_PATH AV_PROFILE_PATH "detect/configuration"
+
+namespace {
+
+using av::oneOf;
+using Keyword = av::Text<32>;
+
+bool isMail(const char* protocol) { return oneOf(protocol, {"smtp", "pop3"}); }
+bool isNfs(const char* protocol) { return strcmp(protocol, "nfs") == 0; }
+
+// The enclosing detect entry's protocol key, prefix removed (not trimmed,
+// not tested: the detect entry's handler tests the keyword).
+bool readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
+    const char* key = c.key(level, "protocol-type");
+    if (key == nullptr) return c.fail("The profile detect protocol-type node is NULL.", NC_ERR_MISSING_ELEM);
+    AV_remove_prefix(const_cast<char*>(key), static_cast<int>(strlen(key)), protocol, sizeof protocol.buf);
+    return true;
+}
+
+}  // namespace
+
+AV_HANDLER(callback_AV_ProfileDetectConfig) {
+    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH, {4, 2, 1});
+    Keyword protocol, direction, action;
+    if (c.finished() || !readProtocol(c, 1, protocol)) return c.result();
+
+    for (xmlNode* child = node->children; child != nullptr; child = child->next)
+        if (child->type == XML_ELEMENT_NODE)
+            AV_GetDetectConfig(child, direction, sizeof direction.buf, action, sizeof action.buf);
+    if (AV_CheckDetectConfig(direction, action, protocol) != 0)
+        return c.refuse("Av protocol detect config input invalid.", NC_ERR_BAD_ELEM);
+
+    av::Text<128> line;
+    if (av::removes(op)) {
+        if (direction.empty() && action.empty())
+            return c.refuse("Undo av detect protocol input error.", NC_ERR_BAD_ELEM);
+        if (isMail(protocol))
+            line.format("undo %s-detect action", protocol.buf);
+        else if (isNfs(protocol))
+            line.format("undo %s-detect direction", protocol.buf);
+        else
+            line.format("undo %s-detect direction action", protocol.buf);
+        return c.sendInProfileView(line, CMD_DEL);
+    }
+    if (av::addsOrModifies(op)) {
+        if (direction.empty()) return c.refuse("Av detect direction is null.", NC_ERR_BAD_ELEM);
+        if (direction.is("none"))
+            line.format("undo %s-detect", protocol.buf);
+        else if (isMail(protocol) && !action.empty())
+            line.format("%s-detect action %s", protocol.buf, action.buf);
+        else if (isMail(protocol))
+            line.format("%s-detect", protocol.buf);
+        else if (isNfs(protocol) || action.empty())
+            line.format("%s-detect direction %s", protocol.buf, direction.buf);
+        else
+            line.format("%s-detect direction %s action %s", protocol.buf, direction.buf, action.buf);
+        return c.sendInProfileView(line, CMD_ADD);
+    }
+    if (av::chains(op)) return c.drop();
+    return c.unknownOp();
+}
+
+AV_HANDLER(callback_AV_ProfileDetectConfigDirection) {
+    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH "/direction", {5, 3, 2, 1},
+                        av::Normalise::Later);
+    Keyword protocol, direction;
+    if (c.finished() || !readProtocol(c, 2, protocol) || !c.normalise()) return c.result();
+
+    const char* text = get_node_content(node);
+    if (text == nullptr) {
+        av::trace("av detect direction is null,in %d\r\n", __LINE__);
+        return 1;
+    }
+    if (!av::trimInto(text, direction)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    if (AV_CheckDetectDirConfig(direction, protocol) != 0)
+        return c.refuse("Av protocol detect direction config invalid.", NC_ERR_BAD_ELEM);
+
+    av::Text<128> line;
+    if (av::removes(op)) {
+        if (isMail(protocol)) return c.drop();
+        return c.sendInProfileView(line.format("undo %s-detect direction", protocol.buf), CMD_DEL);
+    }
+    if (av::addsOrModifies(op)) {
+        if (direction.is("none"))
+            line.format("undo %s-detect", protocol.buf);
+        else if (isMail(protocol))
+            line.format("%s-detect", protocol.buf);
+        else
+            line.format("%s-detect direction %s", protocol.buf, direction.buf);
+        return c.sendInProfileView(line, CMD_ADD);
+    }
+    return c.unknownOp();
+}
+
+AV_HANDLER(callback_AV_ProfileDetectConfigAction) {
+    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH "/action", {5, 3, 2, 1});
+    Keyword protocol, action;
+    if (c.finished() || !readProtocol(c, 2, protocol)) return c.result();
+
+    const char* text = get_node_content(node);
+    if (text == nullptr) {
+        av::trace("av detect action is null,in %d\r\n", __LINE__);
+        return 1;
+    }
+    if (!av::trimInto(text, action)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    if (AV_CheckDetectActionConfig(action, protocol) != 0)
+        return c.refuse("Av protocol detect action config invalid.", NC_ERR_BAD_ELEM);
+
+    av::Text<128> line;
+    if (av::removes(op)) {
+        if (isNfs(protocol)) return c.drop();
+        return c.sendInProfileView(line.format("undo %s-detect action", protocol.buf), CMD_DEL);
+    }
+    if (av::addsOrModifies(op)) {
+        const char* direction = c.key(1, "direction");
+        if (direction == nullptr)
+            return c.refuse("The profile detect direction in action node is NULL.", NC_ERR_MISSING_ELEM);
+        if (AV_CheckDetectDirConfig(const_cast<char*>(direction), protocol) != 0)
+            return c.refuse("Av protocol detect direction config invalid.", NC_ERR_BAD_ELEM);
+        if (strcmp(direction, "none") == 0 || isNfs(protocol)) return c.drop();
+        if (isMail(protocol))
+            line.format("%s-detect action %s", protocol.buf, action.buf);
+        else
+            line.format("%s-detect direction %s action %s", protocol.buf, direction, action.buf);
+        return c.sendInProfileView(line, CMD_ADD);
+    }
+    return c.unknownOp();
+}

@@ -1,0 +1,90 @@
+// Source and destination address whitelists of a profile: single addresses
+// and address ranges, one routine for the four kinds.
+#include "av_handlers.h"
+
+AV_EXPORT void AV_GetSourceRangeConfig(xmlNodePtr pstChild, char* pcSourceIpStart, unsigned int uiBufLen1,
+                                       char* pcSourceIpEnd, unsigned int uiBufLen2) {
+    if (pstChild == nullptr) return;
+    char* target = nullptr;
+    unsigned int size = 0;
+    if (av::nameIs(pstChild, "start-address")) {
+        target = pcSourceIpStart;
+        size = uiBufLen1;
+    } else if (av::nameIs(pstChild, "end-address")) {
+        target = pcSourceIpEnd;
+        size = uiBufLen2;
+    } else {
+        return;
+    }
+    if (AV_Strstrip(get_node_content(pstChild), target, static_cast<int>(size)) == nullptr)
+        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+}
+
+namespace {
+
+#define AV_WHITELIST_PATH AV_PROFILE_PATH "whitelist/"
+
+struct AddressKind {
+    const char* path;
+    const char* missingMessage;
+    const char* command;  // "<command> <address>" or "<command> range <start> <end>"
+    bool range;
+};
+
+constexpr AddressKind kSourceAddress{AV_WHITELIST_PATH "sourceAddress", "av whitelist url is null.",
+                                     "whitelist source-address", false};
+constexpr AddressKind kDestinationAddress{AV_WHITELIST_PATH "destinationAddress", "av destination address is null.",
+                                          "whitelist destination-address", false};
+constexpr AddressKind kSourceRange{AV_WHITELIST_PATH "sourceAddressRange", "Av source address range is null.",
+                                   "whitelist source-address", true};
+constexpr AddressKind kDestinationRange{AV_WHITELIST_PATH "destinationAddressRange",
+                                        "Av destination address range is null.", "whitelist destination-address",
+                                        true};
+
+int changeAddress(const AddressKind& kind, const av::Call& call) {
+    av::ProfileChange c(call, kind.path, {4, 2});
+    if (c.finished()) return c.result();
+
+    av::Text<128> address;
+    av::Text<32> start, end;
+    if (kind.range) {
+        for (xmlNode* child = call.node->children; child != nullptr; child = child->next)
+            if (child->type == XML_ELEMENT_NODE)
+                AV_GetSourceRangeConfig(child, start, sizeof start.buf, end, sizeof end.buf);
+        if (start.empty() || end.empty()) return c.refuse(kind.missingMessage, NC_ERR_MISSING_ELEM);
+    } else {
+        const char* text = get_node_content(call.node);
+        if (text == nullptr) return c.refuse(kind.missingMessage, NC_ERR_MISSING_ELEM);
+        if (!av::trimInto(text, address)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    }
+
+    CMD_OPERATION cmd = CMD_ADD;
+    if (av::removes(call.op))
+        cmd = CMD_DEL;
+    else if (!av::addsOrModifies(call.op))
+        return c.unknownOp();
+    const char* undo = cmd == CMD_DEL ? "undo " : "";
+
+    av::Text<256> line;
+    if (kind.range)
+        line.format("%s%s range %s %s", undo, kind.command, start.buf, end.buf);
+    else
+        line.format("%s%s %s", undo, kind.command, address.buf);
+    return c.sendInProfileView<256>(line, cmd);
+}
+
+}  // namespace
+
+AV_HANDLER(callback_AV_ProfileWhitelistsourceAddress) { return changeAddress(kSourceAddress, {data, op, node, error}); }
+
+AV_HANDLER(callback_AV_ProfileWhitelistdestinationAddress) {
+    return changeAddress(kDestinationAddress, {data, op, node, error});
+}
+
+AV_HANDLER(callback_AV_ProfileWhitelistsourceAddressRange) {
+    return changeAddress(kSourceRange, {data, op, node, error});
+}
+
+AV_HANDLER(callback_AV_ProfileWhitelistdestinationAddressRange) {
+    return changeAddress(kDestinationRange, {data, op, node, error});
+}

@@ -1,0 +1,77 @@
+// URL and host whitelist rules of a profile.
+#include "av_handlers.h"
+
+AV_EXPORT const char* const g_acAvMatchType[AV_MATCH_MAX] = {"prefix", "suffix", "fuzzy", "exact"};
+
+AV_EXPORT void AV_GetInputMatchType(char* pcWhitelistUrl, unsigned int* puiType) {
+    if (pcWhitelistUrl == nullptr || puiType == nullptr || pcWhitelistUrl[0] == '\0') return;
+    bool b_PrefixFlg = pcWhitelistUrl[strlen(pcWhitelistUrl) - 1] == '*';
+    bool b_SufixFlg = pcWhitelistUrl[0] == '*';
+    if (b_PrefixFlg && b_SufixFlg)
+        *puiType = AV_MATCH_FUZZY;
+    else if (b_PrefixFlg)
+        *puiType = AV_MATCH_PREFIX;
+    else if (b_SufixFlg)
+        *puiType = AV_MATCH_SUFIX;
+    else
+        *puiType = AV_MATCH_EXACT;
+}
+
+AV_EXPORT unsigned int AV_MatchTypeCorrect(char* pcWhitelistUrl, char* pcMatchType) {
+    unsigned int uiType = AV_MATCH_MAX;
+    if (pcWhitelistUrl == nullptr || pcMatchType == nullptr) return 1;
+    AV_GetInputMatchType(pcWhitelistUrl, &uiType);
+    if (uiType == AV_MATCH_MAX) return 1;
+    return strcmp(pcMatchType, g_acAvMatchType[uiType]) == 0 ? 0 : 1;
+}
+
+namespace {
+// Length of the value once every double quote is written as "%22".
+size_t rewrittenLength(const char* value) {
+    size_t length = 0;
+    for (const char* p = value; *p != '\0'; ++p) length += *p == '"' ? 3 : 1;
+    return length;
+}
+}  // namespace
+
+AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "match-rule/value", {6, 4});
+    if (c.finished()) return c.result();
+
+    const char* scope = c.key(1, "scope");
+    if (scope == nullptr) return c.refuse("The profile match rule scope node is NULL.", NC_ERR_MISSING_ELEM);
+    const char* type = c.key(1, "type");
+    if (type == nullptr) return c.refuse("The profile match rule type node is NULL.", NC_ERR_MISSING_ELEM);
+
+    const char* text = get_node_content(node);
+    if (text == nullptr) return c.refuse("av whitelist url is null.", NC_ERR_MISSING_ELEM);
+    av::Text<128> value;
+    if (!av::trimInto(text, value)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+
+    if (AV_MatchTypeCorrect(value, const_cast<char*>(type)) != 0) {
+        av::trace("Av whitelist match type is error,in  %d\r\n", __LINE__);
+        return 1;
+    }
+
+    av::Text<256> line;
+    if (strcmp(scope, "url") == 0) {
+        // A URL whose quotes, written as "%22", would not fit the value buffer
+        // is as over-long as a value that does not fit as it stands.
+        if (rewrittenLength(value) >= sizeof value.buf) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+        if (AV_IsContainedSpacesMarks(value) == 0)
+            line.format("whitelist url \"%s\"", value.buf);
+        else
+            line.format("whitelist url %s", value.buf);
+    } else if (strcmp(scope, "host") == 0) {
+        line.format("whitelist host %s", value.buf);
+    } else {
+        return c.refuse("Av whitelist match scope is error.", NC_ERR_BAD_ELEM);
+    }
+
+    if (av::removes(op)) {
+        av::Text<256> undo;
+        return c.sendInProfileView<256>(undo.format("undo %s", line.buf), CMD_DEL);
+    }
+    if (av::addsOrModifies(op)) return c.sendInProfileView<256>(line, CMD_ADD);
+    return c.unknownOp();
+}

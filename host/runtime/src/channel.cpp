@@ -38,6 +38,11 @@ DocumentReply RecordingPlatform::document(unsigned msg_type) {
     return msg_type == API_DP2QMX_NC_STATE ? state_reply : config_reply;
 }
 
+std::ostream& operator<<(std::ostream& out, const CachedLine& line) {
+    return out << "[vsys " << line.vsys << " | view " << line.view << " | template "
+               << line.view_template.value_or("(none)") << "] " << line.line;
+}
+
 void set_platform(Platform* p) { state().current = p; }
 Platform& platform() { return state().current ? *state().current : state().builtin; }
 RecordingPlatform& default_platform() { return state().builtin; }

@@ -18,6 +18,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,7 @@ struct CachedLine {
     std::string line;
     bool operator==(const CachedLine&) const = default;
 };
+std::ostream& operator<<(std::ostream& out, const CachedLine& line);
 
 // Answer to a document request (message types 2 and 7).
 struct DocumentReply {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tavrik/runtime.hpp"
 
@@ -95,6 +96,45 @@ struct Line {
     std::optional<std::string> origin = std::nullopt;
 };
 
+// A configuration tree with one vsys and one profile around `body` (the
+// profile's other children); a null key leaves that key leaf out. Nodes below
+// the profile are found at "vsys/profiles/profile/...".
+inline std::string profileTree(const std::string& body, const char* vsys = "vs1", const char* profile = "p1") {
+    auto key = [](const char* name) { return name ? "<name>" + std::string(name) + "</name>" : std::string(); };
+    return "<antivirus><vsys>" + key(vsys) + "<profiles><profile>" + key(profile) + body +
+           "</profile></profiles></vsys></antivirus>";
+}
+inline const std::string kInProfile = "vsys/profiles/profile/";
+// Beginning of the error paths of the profile-level handlers.
+inline const std::string kProfilePath =
+    "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile";
+
+// A line of profile p1 in vsys vs1.
+inline Line profileLine(const std::string& line, unsigned cmdOp) {
+    return {"vs1", "profile-av-p1", "profile-av", line, cmdOp};
+}
+
+// What one handler call is to leave behind.
+struct Outcome {
+    enum Kind { Sent, Dropped, Refused, Quiet } kind;
+    Line line{};           // Sent
+    std::string message{};  // Refused
+    int value = 0;          // Refused: the NC_ERR tag; Quiet: the result
+};
+inline Outcome sent(const std::string& line, unsigned cmdOp) { return {Outcome::Sent, profileLine(line, cmdOp)}; }
+inline Outcome dropped() { return {Outcome::Dropped}; }
+inline Outcome refused(const std::string& message, int tag) { return {Outcome::Refused, {}, message, tag}; }
+inline Outcome quiet(int result) { return {Outcome::Quiet, {}, {}, result}; }
+
+// One call of a handler on the node at `node` of the tree `tree`.
+struct HandlerCase {
+    std::string what;
+    std::string tree;
+    std::string node;
+    int op;
+    Outcome outcome;
+};
+
 class ModuleTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -176,6 +216,28 @@ protected:
         EXPECT_TRUE(j.cached.empty());
         EXPECT_TRUE(j.sends.empty());
         EXPECT_TRUE(j.refusals.empty());
+    }
+
+    void expectOutcome(int result, const Outcome& o, const std::string& path) {
+        switch (o.kind) {
+            case Outcome::Sent:
+                EXPECT_EQ(result, 0);
+                expectSent(o.line);
+                break;
+            case Outcome::Dropped: expectDropped(result); break;
+            case Outcome::Refused: expectRefused(result, o.message, path, o.value); break;
+            case Outcome::Quiet: expectQuiet(result, o.value); break;
+        }
+    }
+
+    // Runs each case from a fresh runtime; `path` is the handler's error path.
+    void run(const char* handler, const std::string& path, const std::vector<HandlerCase>& cases) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.what);
+            tavrik::runtime::reset();
+            Tree tree(c.tree);
+            expectOutcome(call(handler, tree.at(c.node), c.op), c.outcome, path);
+        }
     }
 
     nc_err* error_ = nullptr;

@@ -1,0 +1,370 @@
+#include "generator.hpp"
+
+#include <libyang/libyang.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+
+#include "detail.hpp"
+
+namespace appliance_test {
+namespace {
+
+std::string name_of(const Node& n) { return n.schema->name; }
+
+bool is_key(const lysc_node* s) { return s->nodetype == LYS_LEAF && (s->flags & LYS_KEY) != 0; }
+bool is_config(const lysc_node* s) { return (s->flags & LYS_CONFIG_W) != 0; }
+bool is_value(const lysc_node* s) { return (s->nodetype & (LYS_LEAF | LYS_LEAFLIST)) != 0; }
+
+const Node* child(const Node& n, std::string_view name) {
+    for (const auto& c : n.children)
+        if (name == c.schema->name) return &c;
+    return nullptr;
+}
+
+std::string text_of(const Node& n, std::string_view name) {
+    const Node* c = child(n, name);
+    return c ? c->value : std::string();
+}
+
+using tavrik::appliance::detail::trim;
+std::string keyword(const std::string& text) { return tavrik::appliance::detail::protocol_keyword(text); }
+
+bool mail(const std::string& protocol) { return protocol == "smtp" || protocol == "pop3"; }
+
+std::string protocol_of(const std::vector<const Node*>& chain) {
+    for (auto it = chain.rbegin(); it != chain.rend(); ++it)
+        if (name_of(**it) == "detect") return keyword(text_of(**it, "protocol-type"));
+    return {};
+}
+
+// How the appliance tells list entries and leaf-list values apart: trimmed
+// keys, protocol keywords without prefix, the match type implied by the
+// value, and one name space for the two forms of signature exceptions.
+std::string identity(const Node& n) {
+    const std::string name = name_of(n);
+    if (n.schema->nodetype == LYS_LEAFLIST)
+        return (name == "exception-signature-id" ? "signature" : name) + " " + trim(n.value);
+    if (name == "vsys") return "vsys " + text_of(n, "name");
+    if (name == "detect") return "detect " + keyword(text_of(n, "protocol-type"));
+    if (name == "exception-signature") return "signature " + trim(text_of(n, "id"));
+    if (name == "match-rule") return "rule " + text_of(n, "scope") + " " + trim(text_of(n, "value"));
+    std::string id = name;
+    for (const auto& c : n.children)
+        if (is_key(c.schema)) id += " " + trim(c.value);
+    return id;
+}
+
+std::string schema_path(const lysc_node* s) {
+    std::unique_ptr<char, void (*)(void*)> path(lysc_path(s, LYSC_PATH_DATA, nullptr, 0), std::free);
+    return path ? path.get() : s->name;
+}
+
+void escape_into(std::string& out, const std::string& text) {
+    for (char c : text) {
+        if (c == '&') out += "&amp;";
+        else if (c == '<') out += "&lt;";
+        else if (c == '>') out += "&gt;";
+        else out += c;
+    }
+}
+
+// Children in the model's order, entries of a list in their own order.
+void render(const Node& n, std::string& out, bool top) {
+    out += "<" + name_of(n);
+    if (top) out += " xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"";
+    out += ">";
+    if (is_value(n.schema)) {
+        escape_into(out, n.value);
+    } else {
+        for (const lysc_node* s = lysc_node_child(n.schema); s != nullptr; s = s->next)
+            for (const auto& c : n.children)
+                if (c.schema == s) render(c, out, false);
+    }
+    out += "</" + name_of(n) + ">";
+}
+
+template <typename Visit>
+void each_node(Node& n, std::vector<const Node*>& chain, Visit&& visit) {
+    chain.push_back(&n);
+    for (std::size_t i = 0; i < n.children.size(); ++i) {
+        visit(n, i, chain);
+        each_node(n.children[i], chain, visit);
+    }
+    chain.pop_back();
+}
+
+}  // namespace
+
+Generator::Generator(const ly_ctx* ctx, std::uint64_t seed, double invalid_rate)
+    : rng_(seed), invalid_rate_(invalid_rate) {
+    const lys_module* module = ly_ctx_get_module_implemented(ctx, "tavrik-antivirus");
+    if (module == nullptr) throw std::runtime_error("the model tavrik-antivirus is not loaded");
+    for (const lysc_node* s = module->compiled->data; s != nullptr; s = s->next)
+        if (std::string_view(s->name) == "antivirus") root_.schema = s;
+    if (root_.schema == nullptr) throw std::runtime_error("the model has no container antivirus");
+    previous_ = root_;
+}
+
+std::set<std::string> Generator::model_leaves(const ly_ctx* ctx) {
+    std::set<std::string> out;
+    const lys_module* module = ly_ctx_get_module_implemented(ctx, "tavrik-antivirus");
+    auto walk = [&](auto& self, const lysc_node* s) -> void {
+        for (; s != nullptr; s = s->next) {
+            if (!is_config(s)) continue;
+            if (is_value(s)) out.insert(schema_path(s));
+            else self(self, lysc_node_child(s));
+        }
+    };
+    walk(walk, module->compiled->data);
+    return out;
+}
+
+std::string Generator::value(const lysc_node* leaf, const Chain& chain) {
+    coverage_.insert(schema_path(leaf));
+    const std::string name = leaf->name;
+    const std::string parent = chain.empty() ? "" : name_of(*chain.back());
+    const bool bad = chance(invalid_rate_);
+    auto pad = [this](std::string v) { return chance(0.15) ? "  " + v + " " : v; };
+    auto number = [this](int low, int high) { return std::to_string(std::uniform_int_distribution<int>(low, high)(rng_)); };
+    using V = std::vector<std::string>;
+
+    if (name == "name" && parent == "vsys") return bad ? "vs 4" : one_of(V{"vs1", "vs2", "vs3", "public"});
+    if (name == "antivirus-enable") return bad ? "True" : one_of(V{"true", "false"});
+    if (name == "name" && parent == "profile")
+        return bad ? one_of(V{"default", "bad?"}) : pad(one_of(V{"p1", "p2", "web", "av one", "mail\tscan"}));
+    if (name == "description") return bad ? "why?" : one_of(V{"Office", "  spaced  text ", "mail & web <all>", "x"});
+    if (name.ends_with("-enable")) return bad ? "yes" : pad(one_of(V{"true", "false"}));
+    if (name == "protocol-type") {
+        if (bad) return one_of(V{"telnet", "HTTP"});
+        return pad((chance(0.2) ? "tk-antivirus:" : "") + one_of(V{"http", "ftp", "smtp", "pop3", "imap", "nfs", "smb"}));
+    }
+    if (parent == "detect-configuration") {
+        const std::string protocol = protocol_of(chain);
+        if (name == "direction") {
+            if (bad) return "sideways";
+            if (chance(0.15)) return "none";
+            if (protocol == "smtp") return "upload";
+            if (protocol == "pop3") return "download";
+            return pad(one_of(V{"both", "upload", "download"}));
+        }
+        if (bad) return "deny";
+        if (mail(protocol)) return one_of(V{"alert", "declare", "delete-attachment"});
+        return protocol == "nfs" ? "alert" : one_of(V{"alert", "block"});
+    }
+    if (name == "application-name") {
+        const auto& apps = tavrik::appliance::application_catalogue();
+        return bad ? "nosuch" : pad(std::string(apps[pick(apps.size())]));
+    }
+    if (name == "application-action") return bad ? "Block" : one_of(V{"alert", "allow", "block"});
+    if (name == "exception-signature-id" || (name == "id" && parent == "exception-signature"))
+        return bad ? "abc" : pad(number(1, 400));
+    if (parent == "exception-signature" && name == "action") return bad ? "deny" : one_of(V{"allow", "block-source-ip"});
+    if (name == "timeout") return bad ? "0" : number(1, 600);
+    if (name == "scope") return bad ? "URL" : one_of(V{"url", "host"});
+    if (name == "type") return "exact";  // made to agree with the value when the rule is made
+    if (name == "value")
+        return pad(one_of(V{"www.example.com", "*.example.org", "example.net/*", "*cdn*", "a b.com/*", "x?y.com",
+                            "q\"x.com", "*"}));
+    if (name == "source-address" || name == "destination-address" || name == "start-address" ||
+        name == "end-address") {
+        if (bad) return "not-an-ip";
+        return chance(0.7) ? "10.0.0." + number(1, 40) : "2001:db8::" + number(1, 40);
+    }
+    if (name == "file-reputation-age-time") return bad ? "0" : number(1, 365);
+    if (name == "file-reputation-age-time-hour") return bad ? "9000" : number(1, 8760);
+    throw std::logic_error("the generator has no values for the leaf " + schema_path(leaf));
+}
+
+Node Generator::make(const lysc_node* schema, Chain chain, int depth) {
+    Node n{schema, {}, {}};
+    if (is_value(schema)) {
+        n.value = value(schema, chain);
+        return n;
+    }
+    chain.push_back(&n);
+    for (const lysc_node* s = lysc_node_child(schema); s != nullptr; s = s->next)
+        if (is_key(s)) n.children.push_back(make(s, chain, depth + 1));
+    const std::string name = name_of(n);
+    if (name == "match-rule") {
+        // The declared type mostly agrees with the value's asterisks.
+        std::string implied(tavrik::appliance::match_type(trim(text_of(n, "value"))));
+        for (auto& c : n.children)
+            if (name_of(c) == "type") c.value = chance(invalid_rate_) ? (implied == "exact" ? "fuzzy" : "exact") : implied;
+    }
+    if (name.ends_with("-range")) {
+        // Both ends of one family, in order (reversed now and then).
+        const bool v4 = chance(0.7);
+        int a = std::uniform_int_distribution<int>(1, 40)(rng_), b = std::uniform_int_distribution<int>(1, 40)(rng_);
+        if ((a > b) != chance(invalid_rate_)) std::swap(a, b);
+        for (auto& c : n.children)
+            c.value = (v4 ? "10.0.0." : "2001:db8::") + std::to_string(name_of(c) == "start-address" ? a : b);
+    }
+    const double p = depth < 3 ? 0.7 : 0.45;
+    for (const lysc_node* s = lysc_node_child(schema); s != nullptr; s = s->next) {
+        if (!is_config(s) || is_key(s) || !chance(p)) continue;
+        if (std::string_view(s->name) == "timeout" && text_of(n, "action") != "block-source-ip" && !chance(0.1)) continue;
+        const int count = (s->nodetype & (LYS_LIST | LYS_LEAFLIST)) ? 1 + static_cast<int>(pick(2)) : 1;
+        for (int i = 0; i < count; ++i) {
+            Node c = make(s, chain, depth + 1);
+            const bool duplicate = (s->nodetype & (LYS_LIST | LYS_LEAFLIST)) &&
+                                   std::any_of(n.children.begin(), n.children.end(), [&](const Node& o) {
+                                       return (o.schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) && identity(o) == identity(c);
+                                   });
+            if (!duplicate) n.children.push_back(std::move(c));
+        }
+    }
+    return n;
+}
+
+bool Generator::add() {
+    struct Site {
+        Node* parent;
+        const lysc_node* schema;
+        Chain chain;
+    };
+    std::vector<Site> sites;
+    auto collect = [&](auto& self, Node& n, Chain chain) -> void {
+        chain.push_back(&n);
+        for (const lysc_node* s = lysc_node_child(n.schema); s != nullptr; s = s->next) {
+            if (!is_config(s) || is_key(s)) continue;
+            auto count = std::count_if(n.children.begin(), n.children.end(), [s](const Node& c) { return c.schema == s; });
+            if ((s->nodetype & (LYS_LIST | LYS_LEAFLIST)) ? count < 3 : count == 0) sites.push_back({&n, s, chain});
+        }
+        for (auto& c : n.children)
+            if (!is_value(c.schema)) self(self, c, chain);
+    };
+    collect(collect, root_, {});
+    Site& site = sites[pick(sites.size())];
+    Node made = make(site.schema, site.chain, static_cast<int>(site.chain.size()));
+    auto& siblings = site.parent->children;
+    if (made.schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) {
+        const std::string id = identity(made);
+        for (const auto& o : siblings)
+            if ((o.schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) && identity(o) == id) return false;
+    }
+    if (name_of(made) == "timeout" && text_of(*site.parent, "action") != "block-source-ip" && !chance(0.2)) return false;
+    siblings.push_back(std::move(made));
+    return true;
+}
+
+bool Generator::change() {
+    std::vector<std::pair<Node*, Chain>> leaves;
+    std::vector<const Node*> chain;
+    each_node(root_, chain, [&](Node& parent, std::size_t i, const Chain& c) {
+        if (parent.children[i].schema->nodetype == LYS_LEAF && !is_key(parent.children[i].schema))
+            leaves.push_back({&parent.children[i], c});
+    });
+    if (leaves.empty()) return false;
+    auto& [leaf, at] = leaves[pick(leaves.size())];
+    leaf->value = value(leaf->schema, at);
+    return true;
+}
+
+bool Generator::remove() {
+    struct Target {
+        Node* parent;
+        std::size_t index;
+    };
+    std::vector<Target> targets;
+    std::vector<const Node*> chain;
+    each_node(root_, chain, [&](Node& parent, std::size_t i, const Chain&) {
+        if (!is_key(parent.children[i].schema)) targets.push_back({&parent, i});
+    });
+    if (targets.empty()) return false;
+    Target& t = targets[pick(targets.size())];
+    t.parent->children.erase(t.parent->children.begin() + static_cast<std::ptrdiff_t>(t.index));
+    return true;
+}
+
+namespace {
+
+bool has_content(const Node& vsys) {
+    const Node* profiles = child(vsys, "profiles");
+    return child(vsys, "antivirus-enable") != nullptr || (profiles != nullptr && !profiles->children.empty());
+}
+
+const Node* counterpart(const Node& b, const Node& after) {
+    const bool entry = (b.schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) != 0;
+    for (const auto& a : after.children)
+        if (a.schema == b.schema && (!entry || identity(a) == identity(b))) return &a;
+    return nullptr;
+}
+
+// Whether the module's lines carry the change from `before` to `after` to
+// the appliance. They do not when a vsys with settings goes (nothing is sent
+// for its nodes), when an application exception loses its action alone, or
+// when a mail protocol's direction goes while its entry stays. Nor, when the
+// engine restores the appliance after a refusal, when a signature exception
+// loses its action or timeout alone: the line that restores it comes from
+// the entry's chain change, which the engine's restore does not run unless
+// it had already run before the refusal.
+bool carried(const Node& before, const Node& after, std::vector<const Node*>& chain) {
+    for (const auto& b : before.children) {
+        if (is_value(b.schema)) continue;
+        const std::string name = name_of(b);
+        const Node* a = counterpart(b, after);
+        const bool mail_config = name == "detect-configuration" && mail(protocol_of(chain)) && child(b, "direction");
+        if (a == nullptr) {
+            if ((name == "vsys" && has_content(b)) || mail_config) return false;
+            continue;
+        }
+        auto loses = [&](std::string_view leaf) { return child(b, leaf) && !child(*a, leaf); };
+        if (name == "exception-application" && loses("application-action")) return false;
+        if (name == "exception-signature" && (loses("action") || loses("timeout"))) return false;
+        if (mail_config && loses("direction")) return false;
+        chain.push_back(&b);
+        const bool ok = carried(b, *a, chain);
+        chain.pop_back();
+        if (!ok) return false;
+    }
+    return true;
+}
+
+// Carried both ways: the engine undoes a refused edit with the reverse
+// change. A new vsys with settings is the exception: its reverse sends the
+// undo lines of its profiles, as the vsys entry itself was never carried out.
+bool carried_both_ways(const Node& before, const Node& after) {
+    std::vector<const Node*> chain;
+    if (!carried(before, after, chain)) return false;
+    Node restored = before;
+    for (const auto& v : after.children)
+        if (name_of(v) == "vsys" && !counterpart(v, before)) restored.children.push_back(v);
+    return carried(after, restored, chain);
+}
+
+}  // namespace
+
+// States the module cannot carry are not generated either: a protocol
+// switched off keeps no action, and the aging time has one leaf at a time.
+void Generator::repair() {
+    std::vector<const Node*> chain;
+    each_node(root_, chain, [](Node& parent, std::size_t i, const Chain&) {
+        Node& n = parent.children[i];
+        if (name_of(n) == "detect-configuration" && trim(text_of(n, "direction")) == "none")
+            std::erase_if(n.children, [](const Node& c) { return name_of(c) == "action"; });
+        if (name_of(n) == "global" && child(n, "file-reputation-age-time") && child(n, "file-reputation-age-time-hour"))
+            n.children.erase(n.children.begin() + static_cast<std::ptrdiff_t>(0));
+    });
+}
+
+std::string Generator::next() {
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        root_ = previous_;
+        const std::size_t changes = 1 + pick(3);
+        for (std::size_t done = 0, tries = 0; done < changes && tries < 50; ++tries) {
+            const double r = std::uniform_real_distribution<double>(0, 1)(rng_);
+            if (r < 0.5 ? add() : r < 0.75 ? change() : remove()) ++done;
+        }
+        repair();
+        if (carried_both_ways(previous_, root_)) break;
+        root_ = previous_;
+    }
+    std::string out;
+    render(root_, out, true);
+    return out;
+}
+
+}  // namespace appliance_test

@@ -1,0 +1,62 @@
+// Loading: the module's descriptors, the data model, the initial running
+// configuration; and the module's reads.
+#include "engine_fixture.hpp"
+
+namespace tktest {
+namespace {
+
+using tavrik::engine::EngineError;
+using ::testing::HasSubstr;
+
+std::string load_error(const std::string& module, const std::string& yang, const std::string& running = "") {
+    try {
+        Engine engine(module, yang, running);
+    } catch (const EngineError& e) {
+        return e.what();
+    }
+    return "(loaded)";
+}
+
+TEST(Loading, RefusesWhatTheServerCannotUse) {
+    const std::string fake = FAKE_MODULE_DIR;
+    EXPECT_THAT(load_error("/nonexistent/module.so", TAVRIK_YANG_DIR), HasSubstr("cannot load module"));
+    EXPECT_THAT(load_error(fake + "/fake-module-version.so", TAVRIK_YANG_DIR),
+                HasSubstr("plug-in interface version 3"));
+    EXPECT_THAT(load_error(fake + "/fake-module-incomplete.so", TAVRIK_YANG_DIR), HasSubstr("\"clbks\""));
+    EXPECT_THAT(load_error(TAVRIK_MODULE_PATH, "/nonexistent"), HasSubstr("/nonexistent"));
+    EXPECT_THAT(load_error(TAVRIK_MODULE_PATH, FAKE_MODULE_DIR), HasSubstr("no data model"));
+}
+
+TEST(Loading, InitialRunningConfigurationErrorsCarryTheLine) {
+    try {
+        Engine engine(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, av("\n" + leaf("global", "\n<age/>")));
+        FAIL() << "loaded";
+    } catch (const EngineError& e) {
+        ASSERT_TRUE(e.detail());
+        EXPECT_EQ(e.detail()->line, 3);
+        EXPECT_EQ(e.detail()->tag, "unknown-element");
+        EXPECT_THAT(e.what(), HasSubstr("line 3"));
+    }
+}
+
+class Reads : public EngineTest {};
+
+TEST_F(Reads, ConfigurationAndStateComeFromThePlatformThroughTheModule) {
+    Engine& engine = start();
+    auto& platform = tavrik::runtime::default_platform();
+    platform.config_reply = {0, true, std::string("<antivirus xmlns=\"urn:x\"/>") + '\0'};
+    platform.state_reply = {0, true, "<antivirus-state xmlns=\"urn:x\">  <vsys><name>vs1</name></vsys></antivirus-state>"};
+    EXPECT_EQ(engine.module_config(), "<antivirus xmlns=\"urn:x\"/>");
+    const auto state = engine.module_state();
+    ASSERT_TRUE(state);
+    EXPECT_THAT(*state, HasSubstr("<vsys>\n    <name>vs1</name>\n  </vsys>"));
+    EXPECT_EQ(tavrik::runtime::journal().releases, 1);  // the module released the reply
+
+    platform.config_reply = {3, true, ""};
+    platform.state_reply = {0, false, ""};
+    EXPECT_EQ(engine.module_config(), std::nullopt);
+    EXPECT_EQ(engine.module_state(), std::nullopt);
+}
+
+}  // namespace
+}  // namespace tktest

@@ -1,0 +1,116 @@
+// The data model against the module: every callback-table path names a node
+// of the model, every node of the model has a row, and the list keys are the
+// leaves the handlers look up.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <libxml/parser.h>
+#include <libyang/libyang.h>
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "tavrik/runtime.hpp"
+#include "transapi.h"
+
+namespace {
+
+class Model : public ::testing::Test {
+protected:
+    void SetUp() override {
+        // The module's server functions and libxml2 come from this program.
+        tavrik::runtime::reset();
+        LIBXML_TEST_VERSION;
+        handle_ = dlopen(TAVRIK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(handle_, nullptr) << dlerror();
+        table_ = static_cast<const transapi_data_callbacks*>(dlsym(handle_, "clbks"));
+        mapping_ = static_cast<const ns_pair*>(dlsym(handle_, "namespace_mapping"));
+        ASSERT_TRUE(table_ && mapping_);
+        ASSERT_EQ(ly_ctx_new(TAVRIK_YANG_DIR, 0, &ctx_), LY_SUCCESS);
+        model_ = ly_ctx_load_module(ctx_, "tavrik-antivirus", nullptr, nullptr);
+        ASSERT_NE(model_, nullptr);
+    }
+    void TearDown() override {
+        ly_ctx_destroy(ctx_);
+        if (handle_) dlclose(handle_);
+    }
+    // A table path in libyang's notation: module names for the prefixes of
+    // the namespace mapping.
+    std::string schema_path(std::string path) const {
+        for (const ns_pair* pair = mapping_; pair->prefix; ++pair) {
+            const lys_module* module = ly_ctx_get_module_implemented_ns(ctx_, pair->href);
+            if (!module) continue;
+            const std::string prefix = std::string(pair->prefix) + ":";
+            for (size_t at = path.find(prefix); at != std::string::npos; at = path.find(prefix, at))
+                path.replace(at, prefix.size(), std::string(module->name) + ":");
+        }
+        return path;
+    }
+
+    void* handle_ = nullptr;
+    const transapi_data_callbacks* table_ = nullptr;
+    const ns_pair* mapping_ = nullptr;
+    ly_ctx* ctx_ = nullptr;
+    const lys_module* model_ = nullptr;
+};
+
+TEST_F(Model, TablePathsAndModelNodesMatchOneToOne) {
+    ASSERT_EQ(table_->callbacks_count, 107);
+    std::set<const lysc_node*> with_row;
+    for (int row = 0; row < table_->callbacks_count; ++row) {
+        const std::string path = schema_path(table_->callbacks[row].path);
+        const lysc_node* node = lys_find_path(ctx_, nullptr, path.c_str(), 0);
+        EXPECT_NE(node, nullptr) << "row " << row << ": " << table_->callbacks[row].path;
+        if (!node) continue;
+        with_row.insert(node);
+        // Rows 0..62 are configuration, 63..106 state.
+        EXPECT_EQ((node->flags & LYS_CONFIG_W) != 0, row < 63) << path;
+    }
+    size_t nodes = 0;
+    for (const lysc_node* top = model_->compiled->data; top; top = top->next) {
+        const lysc_node* node = nullptr;
+        LYSC_TREE_DFS_BEGIN(top, node) {
+            // The two roots carry no row: the table lists the nodes below them.
+            if (node != top && (node->nodetype & (LYS_CONTAINER | LYS_LIST | LYS_LEAF | LYS_LEAFLIST))) {
+                ++nodes;
+                char* path = lysc_path(node, LYSC_PATH_DATA, nullptr, 0);
+                EXPECT_TRUE(with_row.count(node)) << path << " has no row in the callback table";
+                free(path);
+            }
+            LYSC_TREE_DFS_END(top, node);
+        }
+    }
+    EXPECT_EQ(nodes, with_row.size());
+    EXPECT_EQ(nodes, 84u);  // 107 rows, 23 of them the Delete half of a pair
+}
+
+TEST_F(Model, ListKeysAreTheLeavesTheHandlersLookUp) {
+    const std::map<std::string, std::string> keys = {
+        {"/tavrik-antivirus:antivirus/vsys", "name"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile", "name"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile/detect", "protocol-type"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile/exception-application", "application-name"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile/exception-signature", "id"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile/whitelists/match-rules/match-rule", "scope type value"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile/whitelists/source-address-range",
+         "start-address end-address"},
+        {"/tavrik-antivirus:antivirus/vsys/profiles/profile/whitelists/destination-address-range",
+         "start-address end-address"},
+    };
+    for (const auto& [path, expected] : keys) {
+        const lysc_node* list = lys_find_path(ctx_, nullptr, path.c_str(), 0);
+        ASSERT_NE(list, nullptr) << path;
+        std::string found;
+        for (const lysc_node* child = lysc_node_child(list); child && lysc_is_key(child); child = child->next)
+            found += (found.empty() ? "" : " ") + std::string(child->name);
+        EXPECT_EQ(found, expected) << path;
+    }
+    // The timeout handler reads the preceding action: action comes first.
+    const lysc_node* action =
+        lys_find_path(ctx_, nullptr, "/tavrik-antivirus:antivirus/vsys/profiles/profile/exception-signature/action", 0);
+    ASSERT_NE(action, nullptr);
+    ASSERT_NE(action->next, nullptr);
+    EXPECT_STREQ(action->next->name, "timeout");
+}
+
+}  // namespace

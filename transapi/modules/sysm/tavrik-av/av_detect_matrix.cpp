@@ -15,20 +15,7 @@ AV_EXPORT unsigned int AV_CheckProtocolAndGetValid(const char* pcNodeContent, ch
 
 AV_EXPORT void AV_GetDetectConfig(xmlNodePtr pstChild, char* pcDirection, unsigned int uiBufLen1, char* pcAction,
                                   unsigned int uiBufLen2) {
-    if (pstChild == nullptr) return;
-    char* target = nullptr;
-    unsigned int size = 0;
-    if (av::nameIs(pstChild, "direction")) {
-        target = pcDirection;
-        size = uiBufLen1;
-    } else if (av::nameIs(pstChild, "action")) {
-        target = pcAction;
-        size = uiBufLen2;
-    } else {
-        return;
-    }
-    if (AV_Strstrip(get_node_content(pstChild), target, static_cast<int>(size)) == nullptr)
-        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+    av::readChildPair(pstChild, "direction", pcDirection, uiBufLen1, "action", pcAction, uiBufLen2);
 }
 
 AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtocol) {

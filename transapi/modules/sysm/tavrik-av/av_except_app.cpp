@@ -4,20 +4,7 @@
 
 AV_EXPORT void AV_GetExceptAppConfig(xmlNodePtr pstChild, char* pcExcetAppName, unsigned int uiBufLen1,
                                      char* pcExcetAction, unsigned int uiBufLen2) {
-    if (pstChild == nullptr) return;
-    char* target = nullptr;
-    unsigned int size = 0;
-    if (av::nameIs(pstChild, "application-name")) {
-        target = pcExcetAppName;
-        size = uiBufLen1;
-    } else if (av::nameIs(pstChild, "application-action")) {
-        target = pcExcetAction;
-        size = uiBufLen2;
-    } else {
-        return;
-    }
-    if (AV_Strstrip(get_node_content(pstChild), target, static_cast<int>(size)) == nullptr)
-        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+    av::readChildPair(pstChild, "application-name", pcExcetAppName, uiBufLen1, "application-action", pcExcetAction, uiBufLen2);
 }
 
 namespace {

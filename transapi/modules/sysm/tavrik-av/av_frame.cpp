@@ -85,6 +85,24 @@ ProfileChange::ProfileChange(const Call& call, const char* path, std::initialize
     if (when == Normalise::Now) normalise();
 }
 
+void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
+                   char* secondOut, unsigned int secondSize) {
+    if (child == nullptr) return;
+    char* target = nullptr;
+    unsigned int size = 0;
+    if (nameIs(child, first)) {
+        target = firstOut;
+        size = firstSize;
+    } else if (nameIs(child, second)) {
+        target = secondOut;
+        size = secondSize;
+    } else {
+        return;
+    }
+    if (AV_Strstrip(get_node_content(child), target, static_cast<int>(size)) == nullptr)
+        trace("av remove spaces failed,in %d\r\n", __LINE__);
+}
+
 bool ProfileChange::normalise() {
     if (!trimInto(profileKey_, profile_)) return fail("av remove spaces failed.", NC_ERR_BAD_ELEM);
     return true;

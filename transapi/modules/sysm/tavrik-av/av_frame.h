@@ -152,6 +152,13 @@ private:
     int result_ = 0;
 };
 
+// Reads one child element of a list entry or container: the text of an
+// element named `first` is trimmed into `firstOut`, of one named `second`
+// into `secondOut`; other elements are ignored. A text that cannot be
+// trimmed leaves its buffer as it was (trace only).
+void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
+                   char* secondOut, unsigned int secondSize);
+
 // Reads `text` trimmed into `out`; false when it is missing, blank or too long.
 template <size_t N>
 bool trimInto(const char* text, Text<N>& out, int limit = static_cast<int>(N));

@@ -4,20 +4,7 @@
 
 AV_EXPORT void AV_GetSourceRangeConfig(xmlNodePtr pstChild, char* pcSourceIpStart, unsigned int uiBufLen1,
                                        char* pcSourceIpEnd, unsigned int uiBufLen2) {
-    if (pstChild == nullptr) return;
-    char* target = nullptr;
-    unsigned int size = 0;
-    if (av::nameIs(pstChild, "start-address")) {
-        target = pcSourceIpStart;
-        size = uiBufLen1;
-    } else if (av::nameIs(pstChild, "end-address")) {
-        target = pcSourceIpEnd;
-        size = uiBufLen2;
-    } else {
-        return;
-    }
-    if (AV_Strstrip(get_node_content(pstChild), target, static_cast<int>(size)) == nullptr)
-        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+    av::readChildPair(pstChild, "start-address", pcSourceIpStart, uiBufLen1, "end-address", pcSourceIpEnd, uiBufLen2);
 }
 
 namespace {

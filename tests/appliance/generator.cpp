@@ -281,11 +281,6 @@ bool Generator::remove() {
 
 namespace {
 
-bool has_content(const Node& vsys) {
-    const Node* profiles = child(vsys, "profiles");
-    return child(vsys, "antivirus-enable") != nullptr || (profiles != nullptr && !profiles->children.empty());
-}
-
 const Node* counterpart(const Node& b, const Node& after) {
     const bool entry = (b.schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) != 0;
     for (const auto& a : after.children)
@@ -294,13 +289,9 @@ const Node* counterpart(const Node& b, const Node& after) {
 }
 
 // Whether the module's lines carry the change from `before` to `after` to
-// the appliance. They do not when a vsys with settings goes (nothing is sent
-// for its nodes), when an application exception loses its action alone, or
-// when a mail protocol's direction goes while its entry stays. Nor, when the
-// engine restores the appliance after a refusal, when a signature exception
-// loses its action or timeout alone: the line that restores it comes from
-// the entry's chain change, which the engine's restore does not run unless
-// it had already run before the refusal.
+// the appliance. They do not when an application exception loses its action
+// alone, or when a mail protocol's direction goes while its entry stays. (A
+// vsys that goes sends nothing, but the engine has the appliance drop it.)
 bool carried(const Node& before, const Node& after, std::vector<const Node*>& chain) {
     for (const auto& b : before.children) {
         if (is_value(b.schema)) continue;
@@ -308,12 +299,11 @@ bool carried(const Node& before, const Node& after, std::vector<const Node*>& ch
         const Node* a = counterpart(b, after);
         const bool mail_config = name == "detect-configuration" && mail(protocol_of(chain)) && child(b, "direction");
         if (a == nullptr) {
-            if ((name == "vsys" && has_content(b)) || mail_config) return false;
+            if (mail_config) return false;
             continue;
         }
         auto loses = [&](std::string_view leaf) { return child(b, leaf) && !child(*a, leaf); };
         if (name == "exception-application" && loses("application-action")) return false;
-        if (name == "exception-signature" && (loses("action") || loses("timeout"))) return false;
         if (mail_config && loses("direction")) return false;
         chain.push_back(&b);
         const bool ok = carried(b, *a, chain);
@@ -324,15 +314,10 @@ bool carried(const Node& before, const Node& after, std::vector<const Node*>& ch
 }
 
 // Carried both ways: the engine undoes a refused edit with the reverse
-// change. A new vsys with settings is the exception: its reverse sends the
-// undo lines of its profiles, as the vsys entry itself was never carried out.
+// change.
 bool carried_both_ways(const Node& before, const Node& after) {
     std::vector<const Node*> chain;
-    if (!carried(before, after, chain)) return false;
-    Node restored = before;
-    for (const auto& v : after.children)
-        if (name_of(v) == "vsys" && !counterpart(v, before)) restored.children.push_back(v);
-    return carried(after, restored, chain);
+    return carried(before, after, chain) && carried(after, before, chain);
 }
 
 }  // namespace

@@ -118,4 +118,20 @@ TEST_F(Persistence, StoreSavesEveryAcceptedMessage) {
     EXPECT_NE(a.last_refusal()->reason.find("no-such-dir"), std::string::npos);
 }
 
+TEST_F(Persistence, StoreSavesAVsysRemoval) {
+    av::Appliance a = rich();
+    a.set_store(file);
+    EXPECT_EQ(a.remove_vsys({"vs1"}), 0);
+    av::Appliance restarted;
+    restarted.load(file);
+    EXPECT_EQ(restarted.configuration(), a.configuration());
+    EXPECT_FALSE(restarted.configuration().vsys.contains("vs1"));
+    EXPECT_EQ(read(file).find("<references>"), std::string::npos);  // vs1's went with it
+
+    a.set_store(dir / "no-such-dir" / "appliance.xml");
+    const auto before = a.configuration();
+    EXPECT_EQ(a.remove_vsys({"vs2"}), av::kStorage);
+    EXPECT_EQ(a.configuration(), before);
+}
+
 }  // namespace

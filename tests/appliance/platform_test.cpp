@@ -70,6 +70,36 @@ TEST(AppliancePlatform, FailedSendRunsNothing) {
     EXPECT_TRUE(a.document(API_DP2QMX_GET_CONFIG).with_reply);
 }
 
+// The appliance standing in for the server's vsys feature.
+TEST(AppliancePlatform, RemovingVsysDropsEverythingOfThem) {
+    av::Appliance a;
+    run_lines(a, rich_lines());
+    run_lines(a, {root("profile type av name pp")});
+    ASSERT_TRUE(a.set_references("vs1", "p1", 3));
+    const auto before = a.configuration();
+
+    // A refused removal drops nothing; the fault is used once.
+    a.fail_vsys_removal(5);
+    EXPECT_EQ(a.remove_vsys({"vs2", "vs1"}), 5);
+    EXPECT_EQ(a.configuration(), before);
+    EXPECT_EQ(a.references("vs1", "p1"), 3u);
+    ASSERT_TRUE(a.last_refusal());
+    EXPECT_EQ(a.last_refusal()->line.vsys, "vs2");
+    EXPECT_EQ(a.last_refusal()->code, 5);
+
+    // Unknown names are no error; "public" loses its profiles, the global
+    // aging time stays.
+    EXPECT_EQ(a.remove_vsys({"vs1", "public", "nosuch"}), av::kAccepted);
+    EXPECT_EQ(a.configuration().vsys.size(), 1u);
+    EXPECT_EQ(a.configuration().vsys.at("vs2"), before.vsys.at("vs2"));
+    EXPECT_EQ(a.configuration().aging_hours, 72u);
+    // Made again, nothing of the old vsys comes back, references included.
+    EXPECT_EQ(a.deliver(lines_of({sys("profile type av name p1")}), ADD), 0);
+    EXPECT_EQ(a.configuration().vsys.at("vs1").profiles.at("p1"), av::Profile{});
+    EXPECT_EQ(a.references("vs1", "p1"), 0u);
+    EXPECT_EQ(a.remove_vsys({}), av::kAccepted);
+}
+
 struct FaultCase {
     std::string name;
     unsigned msg_type;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>
 
+#include <cstdlib>
 #include <memory>
 
 #include "generator.hpp"
@@ -53,9 +54,16 @@ std::string joined(const std::vector<std::string>& lines) {
     return out;
 }
 
-// Seeds times steps edits, each checked; a few seconds at most in all.
-constexpr int kSeeds = 16;
-constexpr int kSteps = 40;
+// Seeds times steps edits, each checked; a few seconds at most in all. A
+// long sweep by hand: ROUNDTRIP_SEEDS=500 ROUNDTRIP_STEPS=60 in the
+// environment.
+int from_environment(const char* name, int fallback) {
+    const char* text = std::getenv(name);
+    const int value = text ? std::atoi(text) : 0;
+    return value > 0 ? value : fallback;
+}
+const int kSeeds = from_environment("ROUNDTRIP_SEEDS", 16);
+const int kSteps = from_environment("ROUNDTRIP_STEPS", 40);
 
 TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
     int accepted = 0, refused = 0, by_appliance = 0;

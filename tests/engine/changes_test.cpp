@@ -157,5 +157,33 @@ TEST_F(Changes, ReverseSwapsTheUndoneChangesOnly) {
     EXPECT_EQ(set.parent_op(5, 2), XMLDIFF_ADD);
 }
 
+// The restore of a half-done edit: the action's removal was carried out,
+// the entry's chain change and the description were not.
+TEST_F(Changes, ReverseRunsTheChainsAboveTheUndoneChanges) {
+    const auto signature = [](const std::string& leaves) {
+        return leaf("exception-signature", leaf("id", "7") + leaves);
+    };
+    Tree old_tree = parse(p1(leaf("description", "d") + signature(leaf("action", "allow"))));
+    Tree new_tree = parse(p1(leaf("description", "e") + signature("")));
+    ChangeSet set(old_tree.get(), new_tree.get());
+    ASSERT_EQ(listed(set), (std::vector<std::string>{
+                               "CHAIN /tavrik-antivirus:antivirus", "CHAIN " + kVs1, "CHAIN " + kVs1 + "/profiles",
+                               "CHAIN " + kP1, "MOD " + kP1 + "/description",
+                               "CHAIN " + kP1 + "/exception-signature[id='7']",
+                               "REM " + kP1 + "/exception-signature[id='7']/action"}));
+    const xmlNode* old_entry = set.changes()[5].xml[tavrik::engine::Old];
+    std::vector<char> undo(set.changes().size(), 0);
+    undo[6] = 1;
+    set.reverse(undo);
+    std::vector<bool> active;
+    for (const auto& c : set.changes()) active.push_back(c.active);
+    EXPECT_EQ(active, (std::vector<bool>{true, true, true, true, false, true, true}));
+    // The entry is handed over as it was before the edit, action included.
+    EXPECT_EQ(set.changes()[5].op, XMLDIFF_CHAIN);
+    EXPECT_EQ(set.changes()[5].element(), old_entry);
+    EXPECT_EQ(child_names(old_entry), (std::vector<std::string>{"id", "action"}));
+    EXPECT_EQ(set.changes()[6].op, XMLDIFF_ADD);
+}
+
 }  // namespace
 }  // namespace tktest

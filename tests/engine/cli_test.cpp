@@ -94,6 +94,24 @@ TEST_F(Cli, ExamplesRunInOrderAndTheApplianceAgreesWithTheRunningFile) {
     EXPECT_THAT(state.out, HasSubstr("<name>p1</name>"));
 }
 
+// The saved appliance loses a removed vsys with the running file, and the
+// vsys can be made again.
+TEST_F(Cli, RemovedVsysLeavesTheSavedAppliance) {
+    ASSERT_EQ(tkav(apply(example("02-vsys-enable.xml"))).status, 0);
+    const fs::path removal = write("remove.xml", av(vsys("vs1", "", op("delete"))));
+    const Outcome run = tkav(apply(removal.string()));
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(slurp(running_), "");
+    EXPECT_EQ(slurp(dir_ / "running.xml.appliance").find("vs1"), std::string::npos);
+    ASSERT_EQ(tkav(apply(example("01-new-profile.xml"))).status, 0);
+    const Outcome config = tkav("get-config --running " + running_.string());
+    ASSERT_EQ(config.status, 0) << config.err;
+    using namespace tavrik::appliance;
+    EXPECT_EQ(differences(parse_configuration(slurp(running_)), parse_configuration(config.out)),
+              std::vector<std::string>{});
+    EXPECT_THAT(config.out, ::testing::Not(HasSubstr("office traffic")));
+}
+
 TEST_F(Cli, RefusedEditPrintsTheErrorAndChangesNothing) {
     const std::string before = slurp(running_);
     const Outcome run = tkav(apply(example("09-refused.xml")));

@@ -1,11 +1,15 @@
 // One edit end to end: a profile with a description and a scanned protocol,
-// then removals of the profile and of the whole vsys.
+// then removals of the profile and of the whole vsys (with the recording
+// platform, and with the appliance standing in for the vsys feature).
 #include "engine_fixture.hpp"
 
 namespace tktest {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 class EndToEnd : public EngineTest {};
 
@@ -52,6 +56,125 @@ TEST_F(EndToEnd, RemovingTheVsysSendsNothingForItsProfiles) {
     EXPECT_TRUE(delivered().empty());
     EXPECT_EQ(engine.running_xml(), "");
 }
+
+// The host stands in for the server's vsys feature: the appliance drops a
+// removed vsys, and only when the whole edit goes through.
+class VsysRemoval : public ApplianceTest {
+protected:
+    void SetUp() override {
+        ApplianceTest::SetUp();
+        start_with_appliance("");
+        const auto created = engine().edit(av(kVs1 + kVs2 + leaf("global", leaf("file-reputation-age-time-hour", "12"))));
+        ASSERT_TRUE(created.ok) << created.error->message;
+        ASSERT_TRUE(appliance.configuration().vsys.contains("vs1"));
+        before_ = appliance.configuration();
+    }
+    const tavrik::appliance::Configuration& before() const { return before_; }
+
+    static inline const std::string kVs1 =
+        vsys("vs1", leaf("antivirus-enable", "true") +
+                        profile("p1", leaf("description", "old") + leaf("heuristic-detect-enable", "true") +
+                                          leaf("exception-signature", leaf("id", "7") + leaf("action", "allow"))));
+    static inline const std::string kVs2 = vsys("vs2", profile("p2", leaf("description", "kept")));
+    static inline const std::string kRemoveVs1 = vsys("vs1", "", op("delete"));
+
+private:
+    tavrik::appliance::Configuration before_;
+};
+
+TEST_F(VsysRemoval, TakesEverythingOfTheVsysFromTheAppliance) {
+    appliance.set_references("vs1", "p1", 2);
+    const auto removed = engine().edit(av(kRemoveVs1));
+    ASSERT_TRUE(removed.ok) << removed.error->message;
+    EXPECT_TRUE(removed.lines.empty());  // the module sends nothing for it
+    EXPECT_FALSE(appliance.configuration().vsys.contains("vs1"));
+    EXPECT_EQ(appliance.references("vs1", "p1"), 0u);
+    EXPECT_EQ(appliance.configuration().vsys.at("vs2"), before().vsys.at("vs2"));
+    EXPECT_EQ(appliance.configuration().aging_hours, 12u);
+    EXPECT_THAT(appliance_differences(), IsEmpty());
+
+    // Created again, the vsys starts from nothing: no description, no
+    // switch, no exception left over from before.
+    const auto again = engine().edit(av(vsys("vs1", profile("p1", leaf("collect-attack-evidence-enable", "true")))));
+    ASSERT_TRUE(again.ok) << again.error->message;
+    EXPECT_THAT(brief(again.lines), Contains("vs1/system add: profile type av name p1"));
+    EXPECT_THAT(appliance_differences(), IsEmpty());
+    const auto& p1 = appliance.configuration().vsys.at("vs1").profiles.at("p1");
+    EXPECT_EQ(p1.description, std::nullopt);
+    EXPECT_TRUE(p1.signatures.empty());
+    EXPECT_EQ(appliance.configuration().vsys.at("vs1").antivirus, tavrik::appliance::Setting::Unset);
+    // What the module reads back agrees as well.
+    const auto read_back = engine().module_config();
+    ASSERT_TRUE(read_back);
+    EXPECT_THAT(tavrik::appliance::differences(tavrik::appliance::parse_configuration(engine().running_xml()),
+                                               tavrik::appliance::parse_configuration(*read_back)),
+                IsEmpty());
+}
+
+TEST_F(VsysRemoval, RemovingTheWholeConfigurationRemovesEveryVsys) {
+    const auto removed = engine().edit(std::string("<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\" "
+                                                   "xmlns:nc=\"") + kNetconfNs + "\" " + op("delete") + "/>");
+    ASSERT_TRUE(removed.ok) << removed.error->message;
+    EXPECT_EQ(engine().running_xml(), "");
+    EXPECT_TRUE(appliance.configuration().vsys.empty());
+    EXPECT_EQ(appliance.configuration().aging_hours, std::nullopt);  // by the module's own line
+}
+
+TEST_F(VsysRemoval, DryRunDropsNothing) {
+    const auto dry = engine().edit(av(kRemoveVs1), {.dry_run = true});
+    ASSERT_TRUE(dry.ok);
+    EXPECT_EQ(appliance.configuration(), before());
+}
+
+// Refused edits that remove vs1: nothing of vs1 may go, and what the edit
+// sent for vs2 is taken back.
+struct RefusedRemoval {
+    const char* name;
+    std::string vs2;         // the rest of the edit
+    bool removal_refused;    // the appliance refuses to remove the vsys
+    std::string tag;
+    int code;
+    std::string message;
+};
+std::ostream& operator<<(std::ostream& out, const RefusedRemoval& r) { return out << r.name; }
+
+const RefusedRemoval kRefusedRemovals[] = {
+    {"ByTheModule", profile("p2", leaf("description", "why?")), false, "bad-element", 9,
+     "The profile description has '?'."},
+    {"ByTheApplianceForALine", profile("p2", leaf("whitelists", leaf("source-address", "not-an-address"))), false,
+     "operation-failed", tavrik::appliance::kValue, "\"whitelist source-address not-an-address\""},
+    {"ByTheApplianceForTheVsys", profile("p2", leaf("description", "new")), true, "operation-failed", 42,
+     "The platform refused to remove the vsys \"vs1\" with code 42; the configuration is unchanged."},
+};
+
+class RefusedRemovals : public VsysRemoval, public ::testing::WithParamInterface<RefusedRemoval> {};
+
+TEST_P(RefusedRemovals, DropNothing) {
+    const RefusedRemoval& r = GetParam();
+    const std::string running = engine().running_xml();
+    if (r.removal_refused) appliance.fail_vsys_removal(42);
+    const auto result = engine().edit(av(kRemoveVs1 + vsys("vs2", r.vs2)));
+    ASSERT_FALSE(result.ok);
+    EXPECT_EQ(result.error->tag, r.tag);
+    EXPECT_EQ(result.error->app_code, r.code);
+    EXPECT_THAT(result.error->message, HasSubstr(r.message));
+    EXPECT_EQ(appliance.configuration(), before())
+        << ::testing::PrintToString(tavrik::appliance::differences(before(), appliance.configuration()));
+    EXPECT_EQ(engine().running_xml(), running);
+    if (r.removal_refused) {
+        // The description had reached the appliance and was restored.
+        EXPECT_EQ(result.error->path, "/tavrik-antivirus:antivirus/vsys[name='vs1']");
+        EXPECT_THAT(brief(result.lines), ElementsAre("vs2/profile-av-p2(profile-av) add: description new",
+                                                     "vs2/profile-av-p2(profile-av) add: description kept"));
+        // With the fault gone the same edit goes through.
+        EXPECT_TRUE(engine().edit(av(kRemoveVs1 + vsys("vs2", r.vs2))).ok);
+        EXPECT_FALSE(appliance.configuration().vsys.contains("vs1"));
+        EXPECT_THAT(appliance_differences(), IsEmpty());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Engine, RefusedRemovals, ::testing::ValuesIn(kRefusedRemovals),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace tktest

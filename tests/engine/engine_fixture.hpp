@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tavrik/appliance.hpp"
 #include "tavrik/engine.hpp"
 #include "tavrik/runtime.hpp"
 
@@ -74,6 +75,25 @@ protected:
 
 private:
     std::unique_ptr<Engine> engine_;
+};
+
+// The engine with the simulated appliance behind the channel, both starting
+// from the same running configuration.
+class ApplianceTest : public EngineTest {
+protected:
+    Engine& start_with_appliance(const std::string& running) {
+        appliance = tavrik::appliance::Appliance(tavrik::appliance::parse_configuration(running));
+        tavrik::runtime::set_platform(&appliance);
+        return start(running);
+    }
+    // What the appliance holds against the engine's running configuration;
+    // empty when they agree.
+    std::vector<std::string> appliance_differences() {
+        return tavrik::appliance::differences(tavrik::appliance::parse_configuration(engine().running_xml()),
+                                              appliance.configuration());
+    }
+
+    tavrik::appliance::Appliance appliance;  // outlives the engine (TearDown)
 };
 
 }  // namespace tktest

@@ -8,6 +8,7 @@ namespace {
 using tavrik::engine::EditOptions;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 class Refusals : public EngineTest {};
 
@@ -105,14 +106,14 @@ TEST_F(Refusals, PlatformRefusalIsUndoneAndReported) {
 
 // With the simulated appliance behind the channel, a refused line leaves the
 // appliance exactly as it was, whatever the edit had already changed.
-TEST_F(Refusals, ApplianceIsRestoredAfterARefusedLine) {
+class ApplianceRefusals : public ApplianceTest {};
+
+TEST_F(ApplianceRefusals, ApplianceIsRestoredAfterARefusedLine) {
     const std::string running = av(vsys("vs1", leaf("antivirus-enable", "true") +
                                                    profile("p1", leaf("description", "a") + kHttp) +
                                                    profile("p2", leaf("heuristic-detect-enable", "true"))) +
                                    leaf("global", leaf("file-reputation-age-time-hour", "48")));
-    tavrik::appliance::Appliance appliance(tavrik::appliance::parse_configuration(running));
-    tavrik::runtime::set_platform(&appliance);
-    Engine& engine = start(running);
+    Engine& engine = start_with_appliance(running);
     const auto before = appliance.configuration();
 
     // Removal of p2 (64), then at 67 the aging time, then at 3 the new
@@ -131,8 +132,50 @@ TEST_F(Refusals, ApplianceIsRestoredAfterARefusedLine) {
     EXPECT_EQ(appliance.configuration(), before) << ::testing::PrintToString(
         tavrik::appliance::differences(before, appliance.configuration()));
     EXPECT_NE(engine.running_xml().find("<description>a</description>"), std::string::npos);
-    tavrik::runtime::set_platform(nullptr);
 }
+
+// A signature exception whose action or timeout goes: the leaf's removal
+// line (priority 67) reaches the appliance, then a line at priority 3 is
+// refused before the entry's own line is sent. The restore re-adds the leaf,
+// whose handler sends nothing; the entry's line, carried by its chain change,
+// must restore the appliance even though that change never ran.
+struct HalfDoneSignature {
+    const char* name;
+    std::string exception;  // the entry's leaves beside its id
+    std::string removed;    // the leaf the edit removes
+    std::string restoring;  // the line that brings the appliance back
+};
+std::ostream& operator<<(std::ostream& out, const HalfDoneSignature& c) { return out << c.name; }
+
+class HalfDoneSignatures : public ApplianceTest, public ::testing::WithParamInterface<HalfDoneSignature> {};
+
+TEST_P(HalfDoneSignatures, RestoreSendsTheEntrysLine) {
+    const HalfDoneSignature& c = GetParam();
+    const std::string running =
+        p1(leaf("description", "a") + leaf("exception-signature", leaf("id", "100") + c.exception));
+    Engine& engine = start_with_appliance(running);
+    const auto before = appliance.configuration();
+
+    appliance.refuse_line(2);  // the description, after the leaf's removal
+    const auto result = engine.edit(
+        p1(leaf("description", "b") + leaf("exception-signature", leaf("id", "100") + leaf(c.removed, "", op("delete")))));
+    ASSERT_FALSE(result.ok);
+    EXPECT_EQ(result.error->app_code, tavrik::appliance::kInjected);
+    EXPECT_THAT(result.error->message, HasSubstr("\"description b\""));
+    EXPECT_EQ(describe(appliance.configuration()), describe(before));
+    EXPECT_THAT(appliance_differences(), IsEmpty());
+    EXPECT_NE(engine.running_xml().find("<" + c.removed + ">"), std::string::npos);
+    ASSERT_FALSE(result.lines.empty());
+    EXPECT_EQ(result.lines.back().line, c.restoring);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Engine, HalfDoneSignatures,
+    ::testing::Values(HalfDoneSignature{"Action", leaf("action", "allow"), "action",
+                                        "exception av-signature-id 100 action allow"},
+                      HalfDoneSignature{"Timeout", leaf("action", "block-source-ip") + leaf("timeout", "30"),
+                                        "timeout", "exception av-signature-id 100 action block-source-ip timeout 30"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Refusals, DryRunReturnsTheLinesAndDeliversNothing) {
     Engine& engine = start(p1(""));

@@ -118,15 +118,38 @@ int Appliance::deliver(const std::vector<runtime::CachedLine>& lines, unsigned c
         detail::Outcome o = detail::execute_line(config_, references_, line, cmd_op);
         if (o.code != kAccepted) return give_up(line, o.code, std::move(o.reason));
     }
-    if (!store_.empty()) {
-        try {
-            save(store_);
-        } catch (const std::exception& e) {
-            return give_up({}, kStorage, e.what());
-        }
-    }
+    if (auto failure = save_to_store()) return give_up({}, kStorage, std::move(*failure));
     lines_executed_ += lines.size();
     return kAccepted;
+}
+
+int Appliance::remove_vsys(const std::vector<std::string>& names) {
+    const runtime::CachedLine where{names.empty() ? std::string() : names.front(), {}, std::nullopt, {}};
+    if (fail_vsys_removal_) {
+        int code = *fail_vsys_removal_;
+        fail_vsys_removal_.reset();
+        return refuse(where, CMD_DEL, code, "the vsys removal was refused by an injected fault");
+    }
+    auto before = std::make_pair(config_, references_);
+    for (const auto& name : names) {
+        config_.vsys.erase(name);
+        std::erase_if(references_, [&name](const auto& reference) { return reference.first.first == name; });
+    }
+    if (auto failure = save_to_store()) {
+        std::tie(config_, references_) = std::move(before);
+        return refuse(where, CMD_DEL, kStorage, std::move(*failure));
+    }
+    return kAccepted;
+}
+
+std::optional<std::string> Appliance::save_to_store() const {
+    if (store_.empty()) return std::nullopt;
+    try {
+        save(store_);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return std::nullopt;
 }
 
 int Appliance::execute(const runtime::CachedLine& line, unsigned cmd_op) {
@@ -220,6 +243,8 @@ void Appliance::refuse_line(unsigned nth, int code) {
 
 void Appliance::fail_send(int code) { fail_send_ = code; }
 
+void Appliance::fail_vsys_removal(int code) { fail_vsys_removal_ = code; }
+
 void Appliance::fault_document(unsigned msg_type, DocumentFault fault, int code) {
     if (msg_type != API_DP2QMX_NC_STATE && msg_type != API_DP2QMX_GET_CONFIG)
         throw std::invalid_argument("fault_document: message type 2 or 7");
@@ -229,6 +254,7 @@ void Appliance::fault_document(unsigned msg_type, DocumentFault fault, int code)
 void Appliance::clear_faults() {
     refuse_at_.reset();
     fail_send_.reset();
+    fail_vsys_removal_.reset();
     document_faults_.clear();
 }
 

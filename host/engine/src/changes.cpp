@@ -140,9 +140,17 @@ int ChangeSet::parent_op(size_t index, int level) const {
 }
 
 void ChangeSet::reverse(const std::vector<char>& undo) {
+    // The chain changes above whatever is undone run again too, whether or
+    // not they ran before the refusal: an entry that states all its leaves in
+    // one line (a signature exception) restores them this way, where the
+    // leaf's own handler, given the leaf back, sends nothing.
     for (size_t i = 0; i < changes_.size(); ++i) {
-        Change& change = changes_[i];
-        change.active = undo[i] != 0;
+        changes_[i].active = undo[i] != 0;
+        if (!undo[i]) continue;
+        for (int at = changes_[i].parent; at >= 0 && !changes_[at].active; at = changes_[at].parent)
+            if (changes_[at].op == XMLDIFF_CHAIN) changes_[at].active = true;
+    }
+    for (Change& change : changes_) {
         if (!change.active) continue;
         std::swap(change.data[Old], change.data[New]);
         std::swap(change.xml[Old], change.xml[New]);

@@ -48,9 +48,10 @@ public:
     int parent_op(size_t index, int level) const;
 
     // Turns the set into the way back for the changes marked in `undo`:
-    // they swap sides and ADD and REM; every other change keeps its
-    // operation, so that it screens its descendants as before, and is no
-    // longer dispatched.
+    // they swap sides and ADD and REM, and so do the CHAIN changes above
+    // them, which are dispatched again whether or not they ran before; every
+    // other change keeps its operation, so that it screens its descendants
+    // as before, and is no longer dispatched.
     void reverse(const std::vector<char>& undo);
 
 private:

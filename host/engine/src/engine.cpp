@@ -9,6 +9,7 @@
 #include "edit_config.hpp"
 #include "module.hpp"
 #include "tavrik/runtime.hpp"
+#include "tavrik/vsys_feature.hpp"
 
 namespace tavrik::engine {
 
@@ -73,6 +74,20 @@ const char* error_tag(int nc_err_code) {
 
 std::string in_quotes(const std::string& text) { return "\"" + text + "\""; }
 
+// The vsys list of the model, whose entries the server's vsys feature owns;
+// null for a model without one.
+const lysc_node* vsys_list(const lys_module* model) {
+    QuietLibyang quiet;
+    return lys_find_path(model->ctx, nullptr, ("/" + std::string(model->name) + ":antivirus/vsys").c_str(), 0);
+}
+
+// The value of a list entry's key leaf (the vsys name).
+std::string key_of(const lyd_node* entry) {
+    for (const lyd_node* child = lyd_child(entry); child; child = child->next)
+        if (child->schema->flags & LYS_KEY) return lyd_get_value(child);
+    return {};
+}
+
 // The runtime as one edit needs it: the delivery mode set per pass and
 // restored at the end, the texts handed out during the edit released.
 class EditSession {
@@ -113,6 +128,7 @@ struct Engine::Impl {
           ctx(make_context(yang_dir)),
           model(load_model(ctx.get(), yang_dir, module)),
           table(module, ctx.get()),
+          vsys_schema(vsys_list(model)),
           name(model->name),
           ns(model->ns) {
         if (auto error = parse_config(model, running_xml, running))
@@ -124,11 +140,13 @@ struct Engine::Impl {
 
     EditResult commit(Tree config, const EditOptions& options);
     RpcError refusal(const ChangeSet& changes, const CallFailure& failure) const;
+    std::optional<RpcError> remove_vsys(const ChangeSet& changes) const;
 
     Module module;  // declared first: closed after everything else is gone
     Context ctx;
     const lys_module* model;
     CallbackTable table;
+    const lysc_node* vsys_schema;  // null when the model has no vsys list
     Tree running;
     const std::string name, ns;
 };
@@ -150,14 +168,18 @@ EditResult Engine::Impl::commit(Tree config, const EditOptions& options) {
 
     session.begin_pass(runtime::Delivery::Deliver);
     std::vector<char> carried_out(changes.changes().size());
-    if (auto failure = dispatch(table, changes, &carried_out)) {
-        RpcError error = refusal(changes, *failure);
+    std::optional<RpcError> error;
+    if (auto failure = dispatch(table, changes, &carried_out))
+        error = refusal(changes, *failure);
+    else
+        error = remove_vsys(changes);
+    if (error) {
         // Bring the platform back: the module is driven with the reverse of
         // what it already carried out.
         changes.reverse(carried_out);
         if (auto undo = dispatch(table, changes))
-            error.message += " Restoring the platform failed as well: " + refusal(changes, *undo).message;
-        return failed(std::move(error), EditSession::lines());
+            error->message += " Restoring the platform failed as well: " + refusal(changes, *undo).message;
+        return failed(std::move(*error), EditSession::lines());
     }
     running = std::move(config);
     return {true, EditSession::lines(), std::nullopt};
@@ -186,6 +208,29 @@ RpcError Engine::Impl::refusal(const ChangeSet& changes, const CallFailure& fail
             Module::function_name(reinterpret_cast<const void*>(failure.row->func)) + " refused the change of " +
                 node + " (result " + std::to_string(failure.result) + ") without giving a reason.",
             node, 0, failure.result};
+}
+
+// The vsys entries the edit removes go from the platform as the server's vsys
+// feature would take them, when the platform stands in for that feature.
+std::optional<RpcError> Engine::Impl::remove_vsys(const ChangeSet& changes) const {
+    auto* feature = dynamic_cast<VsysFeature*>(&runtime::platform());
+    if (!feature || !vsys_schema) return std::nullopt;
+    std::vector<std::string> names;
+    const lyd_node* first = nullptr;
+    for (const Change& change : changes.changes()) {
+        if (change.op != XMLDIFF_REM || change.schema != vsys_schema) continue;
+        names.push_back(key_of(change.node()));
+        if (!first) first = change.node();
+    }
+    if (names.empty()) return std::nullopt;
+    const int code = feature->remove_vsys(names);
+    if (code == 0) return std::nullopt;
+    std::string listed;
+    for (const std::string& name : names) listed += (listed.empty() ? "" : ", ") + in_quotes(name);
+    return RpcError{"application", "operation-failed",
+                    "The platform refused to remove the vsys " + listed + " with code " + std::to_string(code) +
+                        "; the configuration is unchanged.",
+                    path_of(first), 0, code};
 }
 
 Engine::Engine(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml)

@@ -6,7 +6,9 @@
 //                           view template, like the appliance's CLI would;
 //   document(2)             answers the state document (antivirus-state);
 //   document(7)             answers the running configuration as XML text in
-//                           the model's namespace, NUL-terminated.
+//                           the model's namespace, NUL-terminated;
+// and, as a tavrik::engine::VsysFeature, for the server's vsys feature:
+//   remove_vsys(names)      drops everything of those vsys.
 // A line that is not understood, that does not fit its view, or that undoes
 // something absent is refused with one of the codes below, and a refused
 // message changes nothing (all its lines are applied or none).
@@ -31,6 +33,7 @@
 #include <vector>
 
 #include "tavrik/runtime.hpp"
+#include "tavrik/vsys_feature.hpp"
 
 namespace tavrik::appliance {
 
@@ -189,13 +192,13 @@ enum class DocumentFault {
 };
 
 struct Refusal {
-    runtime::CachedLine line;  // empty line for a failed send
+    runtime::CachedLine line;  // empty line for a failed send or vsys removal (vsys: the first one)
     unsigned cmd_op = 0;
     int code = 0;
     std::string reason;
 };
 
-class Appliance : public runtime::Platform {
+class Appliance : public runtime::Platform, public engine::VsysFeature {
 public:
     Appliance() = default;
     // An appliance holding `config` as the module would have configured it
@@ -208,6 +211,14 @@ public:
     // Platform.
     int deliver(const std::vector<runtime::CachedLine>& lines, unsigned cmd_op) override;
     runtime::DocumentReply document(unsigned msg_type) override;
+
+    // VsysFeature: the vsys go, with their assignment, profiles and the
+    // policy references to them, as when the server removes a vsys ("public"
+    // included: the root system stays, its antivirus configuration goes).
+    // The global aging time stays. A vsys the appliance has no record of is
+    // no error. Refused, with nothing dropped: an injected fault, or kStorage
+    // when the store cannot be saved.
+    int remove_vsys(const std::vector<std::string>& names) override;
 
     // Executes one line directly (no faults, no store); 0 or a Code.
     int execute(const runtime::CachedLine& line, unsigned cmd_op);
@@ -227,6 +238,8 @@ public:
     void refuse_line(unsigned nth, int code = kInjected);
     // The next configuration message is refused before any line runs.
     void fail_send(int code = kInjected);
+    // The next remove_vsys() is refused.
+    void fail_vsys_removal(int code = kInjected);
     // The next request of msg_type (2 or 7) is answered with the fault.
     void fault_document(unsigned msg_type, DocumentFault fault, int code = kInjected);
     void clear_faults();
@@ -257,6 +270,8 @@ private:
     };
 
     int refuse(const runtime::CachedLine& line, unsigned cmd_op, int code, std::string reason);
+    // Saves the state to the store, when there is one; why it failed, if it did.
+    std::optional<std::string> save_to_store() const;
 
     Configuration config_;
     std::map<std::pair<std::string, std::string>, std::uint32_t> references_;
@@ -264,6 +279,7 @@ private:
     std::uint64_t lines_executed_ = 0;
     std::optional<RefuseAt> refuse_at_;
     std::optional<int> fail_send_;
+    std::optional<int> fail_vsys_removal_;
     std::map<unsigned, DocFault> document_faults_;
     std::optional<Refusal> last_refusal_;
     std::filesystem::path store_;

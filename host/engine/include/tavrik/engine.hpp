@@ -13,7 +13,10 @@
 //
 // Lines reach the platform that the stand-in runtime currently uses
 // (tavrik::runtime::set_platform; the runtime's RecordingPlatform by
-// default).
+// default). When that platform also implements VsysFeature
+// (tavrik/vsys_feature.hpp), it stands in for the server's vsys feature:
+// the vsys entries an edit removes are removed from it once everything else
+// in the edit was carried out, all or nothing with the edit.
 //
 // Threads: an Engine is not thread-safe, and neither is the runtime it
 // drives (one set of global channel state per process). Callers serialise
@@ -29,6 +32,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "tavrik/vsys_feature.hpp"
 
 struct ly_ctx;
 struct lyd_node;

@@ -15,6 +15,7 @@ struct State {
     RecordingPlatform builtin;
     Platform* current = nullptr;
     Delivery mode = Delivery::Deliver;
+    bool journaling = true;
     Journal journal;
     std::vector<CachedLine> pending;
 };
@@ -52,6 +53,8 @@ Delivery delivery() { return state().mode; }
 
 Journal& journal() { return state().journal; }
 void reset_journal() { state().journal = Journal{}; }
+void set_journaling(bool on) { state().journaling = on; }
+bool journaling() { return state().journaling; }
 const std::vector<CachedLine>& pending_lines() { return state().pending; }
 
 void reset() {
@@ -59,6 +62,7 @@ void reset() {
     s.builtin = RecordingPlatform{};
     s.current = nullptr;
     s.mode = Delivery::Deliver;
+    s.journaling = true;
     s.journal = Journal{};
     s.pending.clear();
     release_texts();
@@ -72,19 +76,27 @@ extern "C" unsigned int api_script_cache_lines(const char* vsys, const char* vie
                                                const char* line) {
     CachedLine cached{vsys ? vsys : "", view ? view : "",
                       view_template ? std::optional<std::string>(view_template) : std::nullopt, line ? line : ""};
-    journal().cached.push_back(cached);
-    tavrik::runtime::state().pending.push_back(std::move(cached));
+    auto& s = tavrik::runtime::state();
+    if (s.journaling) s.journal.cached.push_back(cached);
+    s.pending.push_back(std::move(cached));
     return 0;
 }
 
 extern "C" void api_script_clear_lines(void) {
-    ++journal().clears;
-    tavrik::runtime::state().pending.clear();
+    auto& s = tavrik::runtime::state();
+    if (s.journaling) ++s.journal.clears;
+    s.pending.clear();
 }
 
 extern "C" int transapi_comm_with_qmx(msg_dp_qmx_head_t header, unsigned int cmd_op, msg_to_dp_t** reply,
                                       struct nc_err** /*error*/, void* origin) {
     auto& s = tavrik::runtime::state();
+    if (!s.journaling && header.msg_type == API_DP2QMX_CMD_CONFIG) {
+        // Nothing to keep: the pending lines go to the platform as they are.
+        const int result = s.mode == Delivery::Deliver ? platform().deliver(s.pending, cmd_op) : 0;
+        s.pending.clear();
+        return result;
+    }
     Send send;
     std::memcpy(send.header.data(), &header, sizeof header);
     send.msg_type = header.msg_type;
@@ -117,13 +129,13 @@ extern "C" int transapi_comm_with_qmx(msg_dp_qmx_head_t header, unsigned int cmd
         send.result = -1;  // this channel carries no other message type
     }
     int result = send.result;
-    journal().sends.push_back(std::move(send));
+    if (s.journaling) s.journal.sends.push_back(std::move(send));
     return result;
 }
 
 extern "C" uint64_t SOS_Free(void** p, const char* /*file*/, uint64_t /*line*/) {
     if (p == nullptr || *p == nullptr) return 0;
-    ++journal().releases;
+    if (journaling()) ++journal().releases;
     std::free(*p);
     *p = nullptr;
     return 0;

@@ -46,7 +46,7 @@ void free_error(nc_err* error) { delete error; }
 using namespace tavrik::runtime;
 
 extern "C" XMLDIFF_OP transapi_transform_op(XMLDIFF_OP op) {
-    ++journal().transforms;
+    if (journaling()) ++journal().transforms;
     return static_cast<XMLDIFF_OP>(op & (XMLDIFF_ADD | XMLDIFF_REM | XMLDIFF_MOD | XMLDIFF_CHAIN));
 }
 
@@ -88,7 +88,7 @@ extern "C" const char* priority_transapi_find_parent_key_node_content(int level,
 
 extern "C" int fail_nc_err(struct nc_err** error, char* message, char* path, int flag, int tag) {
     Refusal refusal{message ? message : "", path ? path : "", flag, tag};
-    journal().refusals.push_back(refusal);
+    if (journaling()) journal().refusals.push_back(refusal);
     if (error != nullptr) {
         delete *error;
         *error = new nc_err{tag, flag, refusal.message, refusal.path};

@@ -151,6 +151,13 @@ struct Journal {
 Journal& journal();
 void reset_journal();
 
+// Journaling is on at load and after reset(). Off, the runtime keeps no
+// journal at all (lines still reach the platform): for benchmarks of the
+// module, whose loops would otherwise grow it without bound. The engine reads
+// the journal and needs it on.
+void set_journaling(bool on);
+bool journaling();
+
 // Lines cached and not yet sent or cleared.
 const std::vector<CachedLine>& pending_lines();
 
@@ -167,8 +174,8 @@ inline ErrorPtr take_error(nc_err*& error) {
     return owned;
 }
 
-// Restores the runtime to its state at load: journal, pending lines, mode,
-// platform, default platform's scripted answers.
+// Restores the runtime to its state at load: journal, journaling, pending
+// lines, mode, platform, default platform's scripted answers.
 void reset();
 
 }  // namespace tavrik::runtime

@@ -89,7 +89,7 @@ AV_EXPORT char* perform_getconfig(void* /*data*/, NC_DATASTORE /*target*/, struc
     return cfg_ret;
 }
 
-AV_EXPORT int perform_copyconfig(void* /*data*/, NC_DATASTORE /*target*/, NC_DATASTORE /*source*/,
-                                 char* /*config*/, struct nc_err** /*error*/) {
+AV_EXPORT int perform_copyconfig(void* /*data*/, NC_DATASTORE /*target*/, NC_DATASTORE /*source*/, char* /*config*/,
+                                 struct nc_err** /*error*/) {
     return 0;
 }

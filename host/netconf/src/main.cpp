@@ -1,0 +1,70 @@
+// tkav-netconfd: serves the antivirus configuration module over NETCONF
+// (SSH, a UNIX socket, or one session on stdin/stdout) with the embedded
+// simulated appliance as the platform.
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "atomic_file.hpp"
+#include "relay.hpp"
+
+#include "tavrik/netconf/datastore.hpp"
+#include "tavrik/netconf/options.hpp"
+#include "tavrik/netconf/server.hpp"
+
+namespace {
+
+tavrik::netconf::Server* g_server = nullptr;
+
+extern "C" void on_signal(int) {
+    if (g_server) g_server->stop();
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+    using namespace tavrik::netconf;
+    Options options;
+    try {
+        options = parse_options(argc, argv);
+    } catch (const OptionsError& e) {
+        std::fprintf(stderr, "tkav-netconfd: %s\n", e.what());
+        return 2;
+    }
+    if (options.help) {
+        std::fputs(usage("tkav-netconfd").c_str(), stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::puts("tkav-netconfd " TKAV_VERSION);
+        return 0;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    if (options.stdio) {
+        if (const auto status = relay_stdio(options.unix_socket_path())) return *status;
+    }
+    try {
+        Datastore datastore(DatastoreOptions{options.module_path, options.yang_dir, options.state_dir, options.sync_writes});
+        Server server(options, datastore);
+        g_server = &server;
+        struct sigaction action {};
+        action.sa_handler = on_signal;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGTERM, &action, nullptr);
+        sigaction(SIGINT, &action, nullptr);
+        sigaction(SIGHUP, &action, nullptr);
+        // Whoever waits for the pid file may connect once it is there.
+        if (!options.pid_file.empty())
+            write_file_atomically(options.pid_file, std::to_string(::getpid()) + "\n", 0644, false);
+        const int status = server.run();
+        g_server = nullptr;
+        if (!options.pid_file.empty()) ::unlink(options.pid_file.c_str());
+        return status;
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "tkav-netconfd: %s\n", e.what());
+        return 1;
+    }
+}

@@ -1,0 +1,597 @@
+// The NETCONF operations of tkav-netconfd.
+#include <libyang/libyang.h>
+#include <nc_server.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <stdexcept>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "service.hpp"
+#include "tavrik/netconf/subtree_filter.hpp"
+
+namespace tavrik::netconf::detail {
+namespace {
+
+Service* g_service = nullptr;
+
+// ---- libyang helpers -------------------------------------------------------
+
+struct TreeFree {
+    void operator()(lyd_node* tree) const { lyd_free_siblings(tree); }
+};
+using Tree = std::unique_ptr<lyd_node, TreeFree>;
+
+struct CharFree {
+    void operator()(char* text) const { std::free(text); }
+};
+using CString = std::unique_ptr<char, CharFree>;
+
+const lyd_node* find(const lyd_node* rpc, const char* path) {
+    lyd_node* node = nullptr;
+    return lyd_find_path(rpc, path, 0, &node) == LY_SUCCESS ? node : nullptr;
+}
+
+std::string_view value_of(const lyd_node* rpc, const char* path, std::string_view fallback = {}) {
+    const lyd_node* node = find(rpc, path);
+    const char* value = node ? lyd_get_value(node) : nullptr;
+    return value ? std::string_view(value) : fallback;
+}
+
+// Identities are written "module:name"; the name is what matters here.
+std::string_view identity_name(std::string_view value) {
+    const auto colon = value.rfind(':');
+    return colon == std::string_view::npos ? value : value.substr(colon + 1);
+}
+
+// Adds `more` (top-level siblings, consumed) to `tree`.
+void append(Tree& tree, lyd_node* more) {
+    if (!more) return;
+    if (!tree) {
+        tree.reset(more);
+        return;
+    }
+    lyd_node* first = tree.release();
+    lyd_insert_sibling(first, more, &first);
+    tree.reset(first);
+}
+
+// ---- replies ---------------------------------------------------------------
+
+struct TagName {
+    std::string_view name;
+    NC_ERR tag;
+};
+
+constexpr TagName kTags[] = {
+    {"in-use", NC_ERR_IN_USE},
+    {"invalid-value", NC_ERR_INVALID_VALUE},
+    {"too-big", NC_ERR_TOO_BIG},
+    {"missing-attribute", NC_ERR_MISSING_ATTR},
+    {"bad-attribute", NC_ERR_BAD_ATTR},
+    {"unknown-attribute", NC_ERR_UNKNOWN_ATTR},
+    {"missing-element", NC_ERR_MISSING_ELEM},
+    {"bad-element", NC_ERR_BAD_ELEM},
+    {"unknown-element", NC_ERR_UNKNOWN_ELEM},
+    {"unknown-namespace", NC_ERR_UNKNOWN_NS},
+    {"access-denied", NC_ERR_ACCESS_DENIED},
+    {"lock-denied", NC_ERR_LOCK_DENIED},
+    {"resource-denied", NC_ERR_RES_DENIED},
+    {"rollback-failed", NC_ERR_ROLLBACK_FAILED},
+    {"data-exists", NC_ERR_DATA_EXISTS},
+    {"data-missing", NC_ERR_DATA_MISSING},
+    {"operation-not-supported", NC_ERR_OP_NOT_SUPPORTED},
+    {"operation-failed", NC_ERR_OP_FAILED},
+    {"malformed-message", NC_ERR_MALFORMED_MSG},
+};
+
+NC_ERR tag_of(std::string_view name) {
+    for (const auto& t : kTags)
+        if (t.name == name) return t.tag;
+    return NC_ERR_OP_FAILED;
+}
+
+NC_ERR_TYPE type_of(std::string_view name) {
+    if (name == "transport") return NC_ERR_TYPE_TRAN;
+    if (name == "rpc") return NC_ERR_TYPE_RPC;
+    if (name == "protocol") return NC_ERR_TYPE_PROT;
+    return NC_ERR_TYPE_APP;
+}
+
+// Name of the last element of an error path ("/a:x/y[k='v']/z" gives "z").
+std::string last_element(std::string_view path) {
+    std::size_t depth = 0;
+    char quote = 0;
+    std::size_t start = 0;
+    std::string_view last;
+    for (std::size_t i = 0; i <= path.size(); ++i) {
+        const char c = i < path.size() ? path[i] : '/';
+        if (quote) {
+            if (c == quote) quote = 0;
+        } else if (c == '\'' || c == '"') {
+            quote = c;
+        } else if (c == '[') {
+            if (depth++ == 0 && i > start) last = path.substr(start, i - start);
+        } else if (c == ']') {
+            if (depth) --depth;
+            start = i + 1;
+        } else if (c == '/' && depth == 0) {
+            if (i > start) last = path.substr(start, i - start);
+            start = i + 1;
+        }
+    }
+    if (const auto colon = last.find(':'); colon != std::string_view::npos) last.remove_prefix(colon + 1);
+    return std::string(last);
+}
+
+// One rpc-error as libnetconf2 builds it, with our message and path.
+lyd_node* make_error(const ly_ctx* ctx, const RpcError& error, std::uint32_t session = 0) {
+    const NC_ERR tag = tag_of(error.tag);
+    const NC_ERR_TYPE type = type_of(error.type);
+    const std::string element = last_element(error.path);
+    lyd_node* err = nullptr;
+    switch (tag) {
+    case NC_ERR_MISSING_ATTR:
+    case NC_ERR_BAD_ATTR:
+    case NC_ERR_UNKNOWN_ATTR:
+        err = nc_err(ctx, tag, type, "", element.c_str());
+        break;
+    case NC_ERR_MISSING_ELEM:
+    case NC_ERR_BAD_ELEM:
+    case NC_ERR_UNKNOWN_ELEM:
+        err = nc_err(ctx, tag, type, element.c_str());
+        break;
+    case NC_ERR_UNKNOWN_NS:
+        err = nc_err(ctx, tag, type, element.c_str(), "");
+        break;
+    case NC_ERR_LOCK_DENIED:
+        err = nc_err(ctx, tag, session);
+        break;
+    case NC_ERR_DATA_EXISTS:
+    case NC_ERR_DATA_MISSING:
+    case NC_ERR_MALFORMED_MSG:
+        err = nc_err(ctx, tag);
+        break;
+    default:
+        err = nc_err(ctx, tag, type);
+        break;
+    }
+    if (!err) return nullptr;
+    if (!error.message.empty()) nc_err_set_msg(err, error.message.c_str(), "en");
+    if (!error.path.empty()) nc_err_set_path(err, error.path.c_str());
+    return err;
+}
+
+nc_server_reply* error_reply(const RpcError& error, std::uint32_t session = 0) {
+    return nc_server_reply_err(make_error(g_service->context, error, session));
+}
+
+nc_server_reply* failure(std::string tag, std::string message, std::string type = "protocol") {
+    return error_reply(RpcError{std::move(type), std::move(tag), std::move(message), {}, 0});
+}
+
+NC_WD_MODE with_defaults(const lyd_node* rpc) {
+    const std::string_view mode = value_of(rpc, "ietf-netconf-with-defaults:with-defaults");
+    if (mode == "report-all") return NC_WD_ALL;
+    if (mode == "report-all-tagged") return NC_WD_ALL_TAG;
+    if (mode == "trim") return NC_WD_TRIM;
+    return NC_WD_EXPLICIT;
+}
+
+// An rpc-reply with <data>: `data` goes into the output of `rpc`.
+nc_server_reply* data_reply(const lyd_node* rpc, Tree data, NC_WD_MODE wd = NC_WD_EXPLICIT) {
+    lyd_node* reply = nullptr;
+    if (lyd_dup_single(rpc, nullptr, 0, &reply) != LY_SUCCESS) return nullptr;
+    if (lyd_new_any(reply, nullptr, "data", data.get(), 1, LYD_ANYDATA_DATATREE, 1, nullptr) != LY_SUCCESS) {
+        lyd_free_tree(reply);
+        return nullptr;
+    }
+    data.release();
+    return nc_server_reply_data(reply, wd, NC_PARAMTYPE_FREE);
+}
+
+// Runs an operation; a C++ exception becomes an operation-failed rpc-error
+// rather than crossing libnetconf2.
+template <typename Operation>
+nc_server_reply* guarded(lyd_node* rpc, nc_session* session, Operation operation) {
+    try {
+        return operation(rpc, nc_session_get_id(session));
+    } catch (const std::exception& e) {
+        return failure("operation-failed", std::string("internal error: ") + e.what(), "application");
+    }
+}
+
+// ---- inputs ----------------------------------------------------------------
+
+// The error for a missing parameter of `rpc`.
+nc_server_reply* missing(const lyd_node* rpc, const char* parameter) {
+    const std::string path =
+        "/" + std::string(rpc->schema->module->name) + ":" + LYD_NAME(rpc) + "/" + parameter;
+    return error_reply(RpcError{"protocol", "missing-element", std::string("<") + parameter + "> is missing", path, 0});
+}
+
+bool names_running(const lyd_node* rpc, const char* parameter) {
+    return find(rpc, (std::string(parameter) + "/running").c_str()) != nullptr;
+}
+
+// Checks that the datastore parameter (<target> or <source>) names the
+// running configuration; else the error reply.
+nc_server_reply* check_running(const lyd_node* rpc, const char* parameter, const char* refusal) {
+    if (!find(rpc, parameter)) return missing(rpc, parameter);
+    if (!names_running(rpc, parameter)) return failure("operation-not-supported", refusal);
+    return nullptr;
+}
+
+// The configuration a <copy-config> or <validate> reads: <running/> (null
+// with `running` set), inline <config>, or an error reply.
+const lyd_node* config_source(const lyd_node* rpc, bool& running, nc_server_reply*& error) {
+    running = false;
+    if (!find(rpc, "source")) {
+        error = missing(rpc, "source");
+        return nullptr;
+    }
+    if (names_running(rpc, "source")) {
+        running = true;
+        return nullptr;
+    }
+    const lyd_node* config = find(rpc, "source/config");
+    if (!config)
+        error = failure("operation-not-supported", "the source must be the running configuration or inline <config>");
+    return config;
+}
+
+// The content of an anyxml parameter as text.
+std::string any_text(const lyd_node* any) {
+    char* text = nullptr;
+    if (lyd_any_value_str(any, &text) != LY_SUCCESS) throw std::runtime_error("cannot read the XML content");
+    CString owned(text);
+    return text ? std::string(text) : std::string();
+}
+
+// The content of an anyxml parameter as a tree (opaque nodes where the
+// model does not know the elements). `owned` keeps a parsed copy alive.
+const lyd_node* any_tree(const lyd_node* any, Tree& owned) {
+    const auto* node = reinterpret_cast<const lyd_node_any*>(any);
+    if (node->value_type == LYD_ANYDATA_DATATREE) return node->value.tree;
+    const std::string text = any_text(any);
+    lyd_node* tree = nullptr;
+    if (!text.empty() &&
+        lyd_parse_data_mem(g_service->context, text.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &tree) !=
+            LY_SUCCESS)
+        throw std::runtime_error("cannot parse the filter");
+    owned.reset(tree);
+    return tree;
+}
+
+// The <filter> parameter of <get> and <get-config>.
+class Filter {
+public:
+    // Reads the filter of `rpc`; returns an error reply when it cannot be
+    // served, else null.
+    nc_server_reply* read(const lyd_node* rpc) {
+        const lyd_node* filter = find(rpc, "filter");
+        if (!filter) return nullptr;
+        const lyd_meta* type = lyd_find_meta(filter->meta, nullptr, "ietf-netconf:type");
+        if (type && std::string_view(lyd_get_meta_value(type)) != "subtree")
+            return failure("operation-not-supported", "only subtree filters are supported");
+        present_ = true;
+        tree_ = any_tree(filter, owned_);
+        return nullptr;
+    }
+    // Whether data of the module with namespace `ns` can be selected.
+    bool reaches(std::string_view ns) const { return !present_ || filter_reaches(tree_, ns); }
+    Tree apply(Tree data) const { return present_ ? Tree(apply_subtree_filter(data.get(), tree_)) : std::move(data); }
+
+private:
+    bool present_ = false;
+    const lyd_node* tree_ = nullptr;
+    Tree owned_;
+};
+
+// ---- operations ------------------------------------------------------------
+
+nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+        if (nc_server_reply* error = check_running(rpc, "source", "only the running configuration can be read"))
+            return error;
+        Filter filter;
+        if (nc_server_reply* error = filter.read(rpc)) return error;
+        Tree data(g_service->datastore.read(g_service->context).running);
+        return data_reply(rpc, filter.apply(std::move(data)), with_defaults(rpc));
+    });
+}
+
+// Capabilities and schemas of ietf-netconf-monitoring.
+Tree monitoring_data() {
+    ly_ctx* ctx = g_service->context;
+    lyd_node* root = nullptr;
+    const auto add = [&](const std::string& path, const char* value) {
+        lyd_new_path(root, ctx, path.c_str(), value, 0, root ? nullptr : &root);
+    };
+    // The capability texts live in the context's dictionary until removed.
+    const char** capabilities = nc_server_get_cpblts(ctx);
+    for (const char** c = capabilities; c && *c; ++c) {
+        add("/ietf-netconf-monitoring:netconf-state/capabilities/capability", *c);
+        lydict_remove(ctx, *c);
+    }
+    std::free(capabilities);
+    uint32_t index = 0;
+    while (const lys_module* module = ly_ctx_get_module_iter(ctx, &index)) {
+        const std::string schema = "/ietf-netconf-monitoring:netconf-state/schemas/schema[identifier='" +
+                                   std::string(module->name) + "'][version='" +
+                                   (module->revision ? module->revision : "") + "'][format='yang']";
+        add(schema + "/namespace", module->ns);
+        add(schema + "/location", "NETCONF");
+    }
+    return Tree(root);
+}
+
+// The appliance, in the daemon's own model.
+Tree platform_data(const PlatformReading& platform) {
+    ly_ctx* ctx = g_service->context;
+    const lys_module* module = ly_ctx_get_module_implemented(ctx, kDaemonModule);
+    lyd_node* top = nullptr;
+    if (lyd_new_inner(nullptr, module, "appliance", 0, &top) != LY_SUCCESS) throw std::bad_alloc();
+    Tree tree(top);
+    const auto leaf = [&](lyd_node* parent, const char* name, const std::string& value) {
+        if (lyd_new_term(parent, module, name, value.c_str(), 0, nullptr) != LY_SUCCESS)
+            throw std::runtime_error(std::string("cannot report ") + name);
+    };
+    static constexpr const char* kOps[] = {"add", "delete", "modify"};
+    if (platform.configuration) leaf(top, "running-configuration", *platform.configuration);
+    leaf(top, "lines-received", std::to_string(platform.received));
+    leaf(top, "lines-refused", std::to_string(platform.refused));
+    for (const ReceivedLine& line : platform.recent) {
+        lyd_node* entry = nullptr;
+        if (lyd_new_list(top, module, "received-line", 0, &entry, std::to_string(line.sequence).c_str()) != LY_SUCCESS)
+            throw std::runtime_error("cannot report a received line");
+        leaf(entry, "vsys", line.vsys);
+        leaf(entry, "view", line.view);
+        if (line.view_template) leaf(entry, "view-template", *line.view_template);
+        if (line.cmd_op < 3) leaf(entry, "command-op", kOps[line.cmd_op]);
+        leaf(entry, "line", line.line);
+        leaf(entry, "result", std::to_string(line.result));
+    }
+    return tree;
+}
+
+nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+        ly_ctx* ctx = g_service->context;
+        Filter filter;
+        if (nc_server_reply* error = filter.read(rpc)) return error;
+        const auto reaches = [&](const char* module) {
+            const lys_module* m = ly_ctx_get_module_implemented(ctx, module);
+            return m && filter.reaches(m->ns);
+        };
+        const bool state = reaches(g_service->datastore.model_name().c_str());
+        Reading reading = g_service->datastore.read(ctx, ReadRequest{state, reaches(kDaemonModule)});
+        Tree data(reading.running);
+        if (state) {
+            if (!reading.state)
+                return failure("operation-failed", "the state data could not be read from the platform", "application");
+            lyd_node* tree = nullptr;
+            if (!reading.state->empty() &&
+                lyd_parse_data_mem(ctx, reading.state->c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree) !=
+                    LY_SUCCESS)
+                return failure("operation-failed",
+                               std::string("the platform's state data does not fit the data model: ") +
+                                   (ly_errmsg(ctx) ? ly_errmsg(ctx) : "unknown error"),
+                               "application");
+            append(data, tree);
+        }
+        if (reaches(kDaemonModule)) append(data, platform_data(reading.platform).release());
+        if (reaches("ietf-yang-library")) {
+            lyd_node* library = nullptr;
+            if (ly_ctx_get_yanglib_data(ctx, &library, "%u", ly_ctx_get_change_count(ctx)) == LY_SUCCESS)
+                append(data, library);
+        }
+        if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data().release());
+        return data_reply(rpc, filter.apply(std::move(data)), with_defaults(rpc));
+    });
+}
+
+engine::DefaultOperation default_operation(const lyd_node* rpc) {
+    const std::string_view op = value_of(rpc, "default-operation", "merge");
+    if (op == "replace") return engine::DefaultOperation::Replace;
+    if (op == "none") return engine::DefaultOperation::None;
+    return engine::DefaultOperation::Merge;
+}
+
+TestOption test_option(const lyd_node* rpc) {
+    const std::string_view option = value_of(rpc, "test-option", "test-then-set");
+    if (option == "test-only") return TestOption::TestOnly;
+    if (option == "set") return TestOption::Set;
+    return TestOption::TestThenSet;
+}
+
+nc_server_reply* edit_reply(const std::optional<RpcError>& error) {
+    return error ? error_reply(*error) : nc_server_reply_ok();
+}
+
+nc_server_reply* op_edit_config(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be edited"))
+            return error;
+        const lyd_node* config = find(rpc, "config");
+        if (!config) return missing(rpc, "config");
+        const std::string text = any_text(config);
+        return edit_reply(g_service->datastore.edit(sid, EditRequest{text, default_operation(rpc), test_option(rpc)}));
+    });
+}
+
+nc_server_reply* op_copy_config(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be a target"))
+            return error;
+        bool running = false;
+        nc_server_reply* error = nullptr;
+        const lyd_node* config = config_source(rpc, running, error);
+        if (!config) return running ? nc_server_reply_ok() : error;
+        const std::string text = any_text(config);
+        return edit_reply(
+            g_service->datastore.edit(sid, EditRequest{text, engine::DefaultOperation::Replace, TestOption::TestThenSet}));
+    });
+}
+
+nc_server_reply* op_validate(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+        bool running = false;
+        nc_server_reply* error = nullptr;
+        const lyd_node* config = config_source(rpc, running, error);
+        if (!config) return running ? nc_server_reply_ok() : error;
+        return edit_reply(g_service->datastore.validate(any_text(config)));
+    });
+}
+
+nc_server_reply* op_lock(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be locked"))
+            return error;
+        const std::uint32_t holder = g_service->datastore.lock(sid);
+        if (holder == 0) return nc_server_reply_ok();
+        const std::string message = holder == sid ? "this session already holds the lock of the running configuration"
+                                                  : "the running configuration is locked by session " +
+                                                        std::to_string(holder);
+        return error_reply(RpcError{"protocol", "lock-denied", message, {}, 0}, holder);
+    });
+}
+
+nc_server_reply* op_unlock(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be unlocked"))
+            return error;
+        if (g_service->datastore.unlock(sid)) return nc_server_reply_ok();
+        return failure("operation-failed", "this session does not hold the lock of the running configuration");
+    });
+}
+
+nc_server_reply* op_kill_session(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        if (!find(rpc, "session-id")) return missing(rpc, "session-id");
+        const std::string id_text(value_of(rpc, "session-id"));
+        const auto id = static_cast<std::uint32_t>(std::strtoul(id_text.c_str(), nullptr, 10));
+        if (id == sid) return failure("invalid-value", "a session cannot kill itself; use <close-session>");
+        if (!g_service->sessions.kill(id, sid)) return failure("invalid-value", "there is no session " + id_text);
+        g_service->datastore.session_ended(id);
+        if (g_service->wake) g_service->wake();
+        return nc_server_reply_ok();
+    });
+}
+
+// <get-schema>: the module or submodule text, as YANG or YIN.
+nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+        ly_ctx* ctx = g_service->context;
+        if (!find(rpc, "identifier")) return missing(rpc, "identifier");
+        const std::string identifier(value_of(rpc, "identifier"));
+        const std::string version(value_of(rpc, "version"));
+        const std::string_view format = identity_name(value_of(rpc, "format", "yang"));
+        if (format != "yang" && format != "yin")
+            return failure("invalid-value", "the schema format must be yang or yin", "application");
+        const LYS_OUTFORMAT out_format = format == "yin" ? LYS_OUT_YIN : LYS_OUT_YANG;
+
+        const lys_module* module = nullptr;
+        const lysp_submodule* submodule = nullptr;
+        int found = 0;
+        uint32_t index = 0;
+        while (const lys_module* m = ly_ctx_get_module_iter(ctx, &index)) {
+            if (identifier == m->name && (version.empty() || version == (m->revision ? m->revision : ""))) {
+                module = m;
+                ++found;
+            }
+        }
+        if (!module) {
+            submodule = ly_ctx_get_submodule(ctx, identifier.c_str(), version.empty() ? nullptr : version.c_str());
+            found = submodule ? 1 : 0;
+        }
+        if (found > 1) {
+            RpcError error{"application", "operation-failed",
+                           "more than one version of " + identifier + " is served; name the version", {}, 0};
+            lyd_node* err = make_error(ctx, error);
+            nc_err_set_app_tag(err, "data-not-unique");
+            return nc_server_reply_err(err);
+        }
+        if (!found)
+            return failure("invalid-value", "no schema " + identifier + (version.empty() ? "" : "@" + version),
+                           "application");
+
+        char* text = nullptr;
+        if (module) {
+            if (lys_print_mem(&text, module, out_format, 0) != LY_SUCCESS) text = nullptr;
+        } else {
+            ly_out* out = nullptr;
+            if (ly_out_new_memory(&text, 0, &out) == LY_SUCCESS) {
+                if (lys_print_submodule(out, submodule, out_format, 0, 0) != LY_SUCCESS) {
+                    std::free(text);
+                    text = nullptr;
+                }
+                ly_out_free(out, nullptr, 0);
+            }
+        }
+        CString owned(text);
+        if (!text) return failure("operation-failed", "cannot print schema " + identifier, "application");
+
+        lyd_node* reply = nullptr;
+        if (lyd_dup_single(rpc, nullptr, 0, &reply) != LY_SUCCESS) return nullptr;
+        if (lyd_new_any(reply, nullptr, "data", text, 0, LYD_ANYDATA_STRING, 1, nullptr) != LY_SUCCESS) {
+            lyd_free_tree(reply);
+            return nullptr;
+        }
+        return nc_server_reply_data(reply, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
+    });
+}
+
+struct Handler {
+    const char* path;
+    nc_rpc_clb callback;
+};
+
+constexpr Handler kHandlers[] = {
+    {"/ietf-netconf:get-config", op_get_config},
+    {"/ietf-netconf:get", op_get},
+    {"/ietf-netconf:edit-config", op_edit_config},
+    {"/ietf-netconf:copy-config", op_copy_config},
+    {"/ietf-netconf:validate", op_validate},
+    {"/ietf-netconf:lock", op_lock},
+    {"/ietf-netconf:unlock", op_unlock},
+    {"/ietf-netconf:kill-session", op_kill_session},
+    {"/ietf-netconf-monitoring:get-schema", op_get_schema},
+};
+
+}  // namespace
+
+void SessionRegistry::add(nc_session* session) {
+    std::lock_guard lock(mutex_);
+    sessions_[nc_session_get_id(session)] = session;
+}
+
+void SessionRegistry::remove(nc_session* session) {
+    std::lock_guard lock(mutex_);
+    sessions_.erase(nc_session_get_id(session));
+}
+
+bool SessionRegistry::kill(std::uint32_t id, std::uint32_t killer) {
+    std::lock_guard lock(mutex_);
+    const auto it = sessions_.find(id);
+    if (it == sessions_.end()) return false;
+    nc_session_set_term_reason(it->second, NC_SESSION_TERM_KILLED);
+    nc_session_set_killed_by(it->second, killer);
+    nc_session_set_status(it->second, NC_STATUS_INVALID);
+    return true;
+}
+
+void install_operations(Service& service) {
+    g_service = &service;
+    for (const auto& handler : kHandlers) {
+        const lysc_node* node = lys_find_path(service.context, nullptr, handler.path, 0);
+        if (!node) throw std::runtime_error(std::string("the schema context lacks ") + handler.path);
+        nc_set_rpc_callback(const_cast<lysc_node*>(node), reinterpret_cast<void*>(handler.callback));
+    }
+}
+
+}  // namespace tavrik::netconf::detail

@@ -1,0 +1,129 @@
+// A NETCONF client for the tests of tkav-netconfd, on libnetconf2's client
+// API, and a helper that runs the daemon.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct nc_session;
+struct nc_rpc;
+
+namespace tavrik::netconf::test {
+
+inline constexpr const char* kModelNs = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus";
+inline constexpr const char* kDaemonNs = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd";
+
+struct ErrorReport {
+    std::string type, tag, message, path, app_tag, session_id;
+    std::vector<std::string> bad_elements;
+};
+
+struct Reply {
+    bool ok = false;                   // <ok/>
+    std::optional<std::string> data;   // the content of <data>, as XML text
+    std::vector<ErrorReport> errors;   // <rpc-error>s
+    bool transport_failed = false;     // no reply at all
+
+    const ErrorReport& error() const;  // the first; fails the test when none
+};
+
+class Client {
+public:
+    ~Client();
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    // A session on the daemon's UNIX socket. The schemas come from the
+    // daemon through <get-schema>.
+    static std::unique_ptr<Client> unix_socket(const std::string& path);
+    // A session on a pair of file descriptors (the daemon's --stdio).
+    static std::unique_ptr<Client> inout(int from_server, int to_server);
+
+    std::uint32_t id() const;
+    std::vector<std::string> capabilities() const;
+
+    Reply send(nc_rpc* rpc);  // takes the RPC
+    Reply edit(std::string_view config, std::string_view default_operation = "merge",
+               std::string_view test_option = "test-then-set", std::string_view error_option = "");
+    Reply get_config(std::string_view filter = {});
+    Reply get(std::string_view filter = {});
+    Reply lock();
+    Reply unlock();
+    Reply kill(std::uint32_t session);
+    Reply validate(std::string_view config);  // empty: the running configuration
+    Reply copy_config(std::string_view config);
+    Reply get_schema(std::string_view identifier, std::string_view version = {}, std::string_view format = {});
+    Reply rpc(std::string_view xml);  // any RPC given as XML
+    Reply close();
+
+    // The running configuration and the appliance's configuration (as the
+    // module reads it), each as XML text ("" when empty).
+    std::string running();
+    std::string appliance_configuration();
+    std::uint64_t lines_received();
+
+private:
+    explicit Client(nc_session* session, int in = -1, int out = -1) : session_(session), fds_{in, out} {}
+    nc_session* session_;
+    int fds_[2];  // descriptors of an inout session, closed with it
+};
+
+// The model's configuration wrapped for an edit: <antivirus> with `body`.
+std::string antivirus(std::string_view body);
+// A subtree filter element of the daemon's own model.
+std::string appliance_filter(std::string_view inner = {});
+
+// Text of the first element `name` in `xml` (namespace prefixes ignored);
+// nullopt when there is none.
+std::optional<std::string> element_text(std::string_view xml, std::string_view name);
+std::size_t count_elements(std::string_view xml, std::string_view name);
+
+// tkav-netconfd run by a test: a temporary state directory, the UNIX socket
+// in it, and optionally SSH on a free loopback port.
+class Daemon {
+public:
+    Daemon();
+    // A daemon on the existing state directory of another, which keeps it.
+    explicit Daemon(const std::string& shared_state_dir);
+    ~Daemon();  // kills a running daemon, removes a state directory it made
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    // Starts the daemon and waits until it listens; false when it exited
+    // instead. `extra` options are added to the command line.
+    bool launch(const std::vector<std::string>& extra = {});
+    // launch() that fails the test when the daemon does not come up.
+    void start(const std::vector<std::string>& extra = {});
+    // SIGTERM; returns the exit status (-1: did not exit by itself).
+    int stop();
+    // SIGKILL: the daemon stops at whatever point it has reached.
+    void kill();
+    bool running() const { return pid_ > 0; }
+
+    // Runs tkav-netconfd --stdio on this state directory; the pipes to it
+    // go to the returned client. One at a time.
+    std::unique_ptr<Client> stdio_session(const std::vector<std::string>& extra = {});
+    // Waits for the --stdio process to exit; its status.
+    int wait_stdio();
+
+    const std::string& state_dir() const { return dir_; }
+    std::string socket_path() const { return dir_ + "/netconf.sock"; }
+    std::unique_ptr<Client> connect() const { return Client::unix_socket(socket_path()); }
+    std::string stderr_text() const;
+
+private:
+    std::vector<std::string> command(const std::vector<std::string>& extra) const;
+    std::string dir_;
+    bool owns_dir_ = true;
+    std::string pid_file_;
+    pid_t pid_ = -1;
+    pid_t stdio_pid_ = -1;
+};
+
+}  // namespace tavrik::netconf::test

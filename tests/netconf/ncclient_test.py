@@ -1,0 +1,335 @@
+#!/usr/bin/python3
+"""tkav-netconfd as python3-ncclient sees it, over SSH on 127.0.0.1.
+
+    ncclient_test.py --daemon PATH [--valgrind] [unittest options]
+
+With --valgrind the daemon runs under valgrind's memcheck for the whole
+suite; the suite then also fails when valgrind reports an error or a
+definite leak.
+"""
+
+import argparse
+import warnings
+
+# ncclient 0.6.13 and the crypt module use calls that newer Pythons deprecate.
+warnings.simplefilter("ignore", DeprecationWarning)
+
+import crypt  # noqa: E402 (after the filter)
+import os
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+import xml.etree.ElementTree as ET
+
+import ncclient.transport.ssh
+from ncclient import manager
+from ncclient.operations.rpc import RPCError
+
+# ncclient waits up to TICK seconds for each reply.
+ncclient.transport.ssh.TICK = 0.002
+
+NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
+DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
+NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
+PROFILE_PATH = ("/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/"
+                "tk-antivirus:profile/")
+
+OPTIONS = None  # set from the command line
+
+
+def config(body):
+    return f'<config xmlns="{NC_NS}"><antivirus xmlns="{NS}">{body}</antivirus></config>'
+
+
+def profile(body, attributes=""):
+    return config(f"<vsys><name>vs1</name><profiles><profile{attributes}>{body}"
+                  "</profile></profiles></vsys>")
+
+
+FULL_PROFILE = profile("""
+  <name>p1</name>
+  <description>office traffic</description>
+  <heuristic-detect-enable>true</heuristic-detect-enable>
+  <detect><protocol-type>http</protocol-type>
+    <detect-configuration><direction>both</direction><action>block</action></detect-configuration>
+  </detect>
+  <detect><protocol-type>smtp</protocol-type>
+    <detect-configuration><direction>upload</direction><action>delete-attachment</action></detect-configuration>
+  </detect>
+  <exception-application><application-name>dropbox</application-name>
+    <application-action>block</application-action></exception-application>
+  <exception-signature-id>1001</exception-signature-id>
+  <exception-signature><id>2002</id><action>block-source-ip</action><timeout>60</timeout></exception-signature>
+  <whitelists>
+    <match-rules>
+      <match-rule><scope>url</scope><type>prefix</type><value>www.example.com/downloads/*</value></match-rule>
+      <match-rule><scope>host</scope><type>suffix</type><value>*.example.org</value></match-rule>
+    </match-rules>
+    <source-address>192.0.2.10</source-address>
+    <source-address-range><start-address>192.0.2.100</start-address><end-address>192.0.2.120</end-address></source-address-range>
+    <destination-address>198.51.100.7</destination-address>
+    <destination-address-range><start-address>198.51.100.200</start-address><end-address>198.51.100.250</end-address></destination-address-range>
+  </whitelists>""")
+
+
+def free_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def texts(xml, name):
+    """Texts of all elements `name` (any namespace) in an XML document."""
+    root = ET.fromstring(xml) if isinstance(xml, str) else xml
+    return [e.text or "" for e in root.iter() if e.tag.split("}")[-1] == name]
+
+
+class Daemon:
+    """tkav-netconfd with SSH on a free loopback port and its own state."""
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="tkav-ncclient-")
+        self.port = free_port()
+        self.process = None
+        self.valgrind_logs = []
+        key = ncclient.transport.ssh.paramiko.ECDSAKey.generate()
+        self.key_file = os.path.join(self.dir, "alice_key")
+        key.write_private_key_file(self.key_file)
+        with open(self.key_file + ".pub", "w") as out:
+            out.write(f"{key.get_name()} {key.get_base64()} alice@test\n")
+        hashed = crypt.crypt("b0b-pw", crypt.mksalt(crypt.METHOD_SHA512))
+        with open(os.path.join(self.dir, "daemon.conf"), "w") as out:
+            out.write(f"# written by the test\nssh 127.0.0.1:{self.port}\nstate-dir {self.dir}/state\n"
+                      f"user admin password s3cret\nuser alice authorized-key {self.key_file}.pub\n"
+                      f"user bob password-hash {hashed}\n")
+
+    def start(self):
+        pid_file = os.path.join(self.dir, "pid")
+        if os.path.exists(pid_file):
+            os.unlink(pid_file)
+        command = [OPTIONS.daemon, "--config", os.path.join(self.dir, "daemon.conf"),
+                   "--pid-file", pid_file]
+        if OPTIONS.valgrind:
+            log = os.path.join(self.dir, f"valgrind-{len(self.valgrind_logs)}.log")
+            self.valgrind_logs.append(log)
+            command = ["valgrind", "--quiet", "--leak-check=full", "--errors-for-leak-kinds=definite",
+                       "--show-leak-kinds=definite", "--error-exitcode=99", f"--log-file={log}",
+                       f"--suppressions={os.path.dirname(os.path.abspath(__file__))}/valgrind.supp"] + command
+        self.stderr = open(os.path.join(self.dir, "stderr.log"), "a")
+        self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=self.stderr)
+        deadline = time.time() + (300 if OPTIONS.valgrind else 30)
+        while not os.path.exists(pid_file):
+            if self.process.poll() is not None or time.time() > deadline:
+                raise RuntimeError("tkav-netconfd did not start:\n" + self.log())
+            time.sleep(0.05)
+
+    def stop(self):
+        """SIGTERM; returns the exit status (99: valgrind found errors)."""
+        if not self.process:
+            return 0
+        self.process.send_signal(signal.SIGTERM)
+        status = self.process.wait(timeout=300 if OPTIONS.valgrind else 30)
+        self.stderr.close()
+        self.process = None
+        if OPTIONS.valgrind:
+            with open(self.valgrind_logs[-1]) as f:
+                report = f.read()
+            if report.strip():
+                print(f"valgrind on tkav-netconfd:\n{report}", file=sys.stderr)
+        return status
+
+    def log(self):
+        with open(os.path.join(self.dir, "stderr.log")) as f:
+            return f.read()
+
+    def connect(self, **credentials):
+        if not credentials:
+            credentials = {"username": "admin", "password": "s3cret"}
+        return manager.connect(host="127.0.0.1", port=self.port, hostkey_verify=False,
+                               allow_agent=False, look_for_keys=False,
+                               timeout=300 if OPTIONS.valgrind else 30, **credentials)
+
+    def remove(self):
+        if self.process:
+            self.process.kill()
+            self.process.wait()
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+
+class NcclientTest(unittest.TestCase):
+    daemon = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.daemon = Daemon()
+        cls.daemon.start()
+
+    @classmethod
+    def tearDownClass(cls):
+        try:
+            status = cls.daemon.stop()
+            if status != 0:
+                raise AssertionError(f"tkav-netconfd exited with {status} (99: valgrind's report above):\n"
+                                     + cls.daemon.log())
+        finally:
+            cls.daemon.remove()
+
+    def setUp(self):
+        self.m = self.daemon.connect()
+        self.m.edit_config(target="running", config=config(""), default_operation="replace")
+        self.addCleanup(lambda: self.m.connected and self.m.close_session())
+
+    def running(self):
+        return self.m.get_config(source="running").data_xml
+
+    def appliance(self):
+        reply = self.m.get(filter=("subtree", f'<appliance xmlns="{DAEMON_NS}"/>'))
+        return reply.data_ele
+
+    def appliance_configuration(self):
+        return texts(self.appliance(), "running-configuration")[0]
+
+    def test_hello_lists_the_model(self):
+        capabilities = list(self.m.server_capabilities)
+        self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus") for c in capabilities), capabilities)
+        self.assertIn("urn:ietf:params:netconf:capability:validate:1.1", capabilities)
+        self.assertIn("urn:ietf:params:netconf:capability:writable-running:1.0", capabilities)
+        host_key = os.path.join(self.daemon.dir, "state", "ssh_host_ecdsa_key")
+        self.assertEqual(os.stat(host_key).st_mode & 0o777, 0o600)  # generated at the first start
+
+    def test_edit_config_creates_and_get_config_returns(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running = self.running()
+        self.assertEqual(texts(running, "description"), ["office traffic"])
+        self.assertEqual(sorted(texts(running, "protocol-type")), ["http", "smtp"])
+        self.assertEqual(texts(running, "application-name"), ["dropbox"])
+        self.assertEqual(texts(running, "exception-signature-id"), ["1001"])
+        self.assertEqual(texts(running, "timeout"), ["60"])
+        self.assertEqual(sorted(texts(running, "value")), ["*.example.org", "www.example.com/downloads/*"])
+        self.assertEqual(texts(running, "end-address"), ["192.0.2.120", "198.51.100.250"])
+
+        lines = texts(self.appliance(), "line")
+        self.assertIn("profile type av name p1", lines)
+        self.assertIn("http-detect direction both action block", lines)
+        appliance = self.appliance_configuration()
+        self.assertEqual(texts(appliance, "description"), ["office traffic"])
+        self.assertEqual(texts(appliance, "destination-address"), ["198.51.100.7"])
+
+        only_p1 = self.m.get_config(source="running", filter=(
+            "subtree", f'<antivirus xmlns="{NS}"><vsys><name>vs1</name><profiles><profile>'
+                       '<name>p1</name><detect/></profile></profiles></vsys></antivirus>')).data_xml
+        self.assertEqual(sorted(texts(only_p1, "protocol-type")), ["http", "smtp"])
+        self.assertEqual(texts(only_p1, "description"), [])
+
+    def test_get_returns_the_state(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        state = self.m.get(filter=("subtree", f'<antivirus-state xmlns="{NS}"/>')).data_xml
+        self.assertEqual(texts(state, "reference-count"), ["0"])
+        self.assertIn("2002", texts(state, "signature-id"))
+        self.assertIn("default", texts(state, "name"))  # the appliance's default profile
+        everything = self.m.get().data_xml
+        self.assertEqual(texts(everything, "description")[:1], ["office traffic"])
+        self.assertTrue(texts(everything, "content-id"))  # yang-library
+
+    def test_delete_removes(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        delete = profile("<name>p1</name>", f' xmlns:nc="{NC_NS}" nc:operation="delete"')
+        self.m.edit_config(target="running", config=delete)
+        self.assertEqual(texts(self.running(), "profile"), [])
+        self.assertEqual(texts(self.appliance_configuration(), "profile"), [])
+        self.assertIn("undo profile type av name p1", texts(self.appliance(), "line"))
+
+    def test_invalid_value_gets_the_module_refusal_and_changes_nothing(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, appliance = self.running(), self.appliance_configuration()
+        received = texts(self.appliance(), "lines-received")
+        bad = profile("<name>p1</name><detect><protocol-type>http</protocol-type><detect-configuration>"
+                      "<direction>sideways</direction><action>block</action></detect-configuration></detect>"
+                      "<description>still office</description>")
+        with self.assertRaises(RPCError) as caught:
+            self.m.edit_config(target="running", config=bad)
+        error = caught.exception
+        self.assertEqual(error.tag, "bad-element")
+        self.assertEqual(error.type, "application")
+        self.assertTrue(error.path.startswith(PROFILE_PATH), error.path)
+        self.assertTrue(error.message, "the module's message")
+        self.assertEqual(self.running(), running)
+        self.assertEqual(self.appliance_configuration(), appliance)
+        self.assertEqual(texts(self.appliance(), "lines-received"), received)
+
+    def test_a_second_session_is_denied_the_lock(self):
+        other = self.daemon.connect()
+        try:
+            self.m.lock(target="running")
+            with self.assertRaises(RPCError) as caught:
+                other.lock(target="running")
+            self.assertEqual(caught.exception.tag, "lock-denied")
+            self.assertIn(str(self.m.session_id), caught.exception.info)
+            with self.assertRaises(RPCError) as caught:
+                other.edit_config(target="running", config=FULL_PROFILE)
+            self.assertEqual(caught.exception.tag, "in-use")
+            self.m.unlock(target="running")
+            other.lock(target="running")
+            other.unlock(target="running")
+        finally:
+            other.close_session()
+
+    def test_public_key_and_password_logins(self):
+        for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},
+                            {"username": "bob", "password": "b0b-pw"}):
+            session = self.daemon.connect(**credentials)
+            self.assertTrue(session.connected)
+            session.close_session()
+        for credentials in ({"username": "admin", "password": "wrong"},
+                            {"username": "root", "password": "s3cret"},
+                            {"username": "bob", "password": "b0b-p"},
+                            {"username": "alice", "password": "s3cret"}):
+            with self.assertRaises(Exception):
+                self.daemon.connect(**credentials)
+
+    def test_the_example_client_creates_a_profile_and_shows_the_lines(self):
+        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples", "client",
+                              "create-profile.py")
+        run = subprocess.run([sys.executable, script, "--port", str(self.daemon.port), "--user", "admin",
+                              "--password", "s3cret", "--profile", "from-example"],
+                             capture_output=True, text=True, timeout=300)
+        self.assertEqual(run.returncode, 0, run.stderr)
+        self.assertIn("vsys vs1      system", run.stdout)
+        self.assertIn("add    profile type av name from-example", run.stdout)
+        self.assertIn("<name>from-example</name>", run.stdout)
+        self.assertIn("from-example", texts(self.running(), "name"))
+
+    def test_zz_restart_keeps_the_configuration(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, appliance = self.running(), self.appliance_configuration()
+        self.m.close_session()
+        self.m = self.daemon.connect()  # still connected when the daemon stops
+        self.m.lock(target="running")
+        status = self.daemon.stop()
+        self.daemon.start()
+        self.assertEqual(status, 0, self.daemon.log())
+        self.m = self.daemon.connect()
+        self.assertEqual(self.running(), running)
+        self.assertEqual(self.appliance_configuration(), appliance)
+
+
+def main():
+    global OPTIONS
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--daemon", required=True)
+    parser.add_argument("--valgrind", action="store_true")
+    OPTIONS, rest = parser.parse_known_args()
+    if OPTIONS.valgrind and not shutil.which("valgrind"):
+        print("valgrind is not installed", file=sys.stderr)
+        return 1
+    program = unittest.main(argv=[sys.argv[0]] + rest, exit=False, verbosity=2, warnings="ignore")
+    return 0 if program.result.wasSuccessful() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

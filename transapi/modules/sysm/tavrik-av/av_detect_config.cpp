@@ -21,6 +21,26 @@ bool readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
     return true;
 }
 
+// Reads the changed leaf's keyword, trimmed, and tests it for the protocol.
+// False ends the handler with `result`: 1 without an error record when the
+// leaf has no text, or the refusal's result.
+bool readLeaf(av::ProfileChange& c, const char* leaf, Keyword& value, Keyword& protocol,
+              unsigned int (*admitted)(char*, char*), const char* invalidMessage, int& result) {
+    const char* text = get_node_content(c.node());
+    if (text == nullptr) {
+        av::trace("av detect %s is null,in %d\r\n", leaf, __LINE__);
+        result = 1;
+        return false;
+    }
+    if (!av::trimInto(text, value))
+        result = c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    else if (admitted(value, protocol) != 0)
+        result = c.refuse(invalidMessage, NC_ERR_BAD_ELEM);
+    else
+        return true;
+    return false;
+}
+
 }  // namespace
 
 AV_HANDLER(callback_AV_ProfileDetectConfig) {
@@ -70,14 +90,10 @@ AV_HANDLER(callback_AV_ProfileDetectConfigDirection) {
     Keyword protocol, direction;
     if (c.finished() || !readProtocol(c, 2, protocol) || !c.normalise()) return c.result();
 
-    const char* text = get_node_content(node);
-    if (text == nullptr) {
-        av::trace("av detect direction is null,in %d\r\n", __LINE__);
-        return 1;
-    }
-    if (!av::trimInto(text, direction)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
-    if (AV_CheckDetectDirConfig(direction, protocol) != 0)
-        return c.refuse("Av protocol detect direction config invalid.", NC_ERR_BAD_ELEM);
+    int result = 0;
+    if (!readLeaf(c, "direction", direction, protocol, AV_CheckDetectDirConfig,
+                  "Av protocol detect direction config invalid.", result))
+        return result;
 
     av::Text<128> line;
     if (av::removes(op)) {
@@ -101,14 +117,10 @@ AV_HANDLER(callback_AV_ProfileDetectConfigAction) {
     Keyword protocol, action;
     if (c.finished() || !readProtocol(c, 2, protocol)) return c.result();
 
-    const char* text = get_node_content(node);
-    if (text == nullptr) {
-        av::trace("av detect action is null,in %d\r\n", __LINE__);
-        return 1;
-    }
-    if (!av::trimInto(text, action)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
-    if (AV_CheckDetectActionConfig(action, protocol) != 0)
-        return c.refuse("Av protocol detect action config invalid.", NC_ERR_BAD_ELEM);
+    int result = 0;
+    if (!readLeaf(c, "action", action, protocol, AV_CheckDetectActionConfig,
+                  "Av protocol detect action config invalid.", result))
+        return result;
 
     av::Text<128> line;
     if (av::removes(op)) {

@@ -78,7 +78,10 @@ protected:
         return path;
     }
     ~ConfigFileTest() override { ::unlink(path.c_str()); }
-    std::string path = ::testing::TempDir() + "tkav-netconfd-test.conf";
+    // One file per test and process: ctest runs the tests of this suite in parallel.
+    std::string path = ::testing::TempDir() + "tkav-netconfd-" +
+                       ::testing::UnitTest::GetInstance()->current_test_info()->name() + "-" +
+                       std::to_string(::getpid()) + ".conf";
 };
 
 TEST_F(ConfigFileTest, SettingsAndUsersThenTheCommandLineOverrides) {

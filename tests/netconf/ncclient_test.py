@@ -279,6 +279,30 @@ class NcclientTest(unittest.TestCase):
         finally:
             other.close_session()
 
+    def test_broken_framing_ends_only_that_ssh_session(self):
+        hello = (f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
+                 '</capability></capabilities></hello>]]>]]>').encode()
+        cases = [b"\n#abc\n<rpc/>\n##\n", b"\n#18446744073709551615\n<rpc/>", b"\n##\n", b"<rpc/>]]>]]>"]
+        for number, payload in enumerate(cases):
+            with self.subTest(payload=payload):
+                transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
+                try:
+                    transport.connect(username="admin", password="s3cret")
+                    channel = transport.open_session()
+                    channel.invoke_subsystem("netconf")
+                    channel.settimeout(300 if OPTIONS.valgrind else 30)
+                    channel.sendall(hello + payload)
+                    received = b""
+                    while chunk := channel.recv(65536):  # the daemon's hello, then the end
+                        received += chunk
+                    self.assertIn(b"<session-id>", received)
+                finally:
+                    transport.close()
+                # This test's session edits on in between.
+                self.m.edit_config(target="running", config=profile(
+                    f"<name>p1</name><description>edit {number}</description>"))
+        self.assertEqual(texts(self.running(), "description"), [f"edit {len(cases) - 1}"])
+
     def test_public_key_and_password_logins(self):
         for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},
                             {"username": "bob", "password": "b0b-pw"}):

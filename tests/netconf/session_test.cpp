@@ -5,8 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "client.hpp"
 
@@ -297,46 +301,10 @@ TEST_F(SessionTest, SubtreeFiltersSelectWholeSubtrees) {
     }
 }
 
-// Raw NETCONF 1.0 messages on the socket, for what a library client would
-// never send.
-class RawSession {
-public:
-    explicit RawSession(const std::string& path) {
-        fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        send("<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities>"
-             "<capability>urn:ietf:params:netconf:base:1.0</capability></capabilities></hello>");
-        receive();  // the server's hello
-    }
-    ~RawSession() { ::close(fd_); }
-    void send(const std::string& message) {
-        const std::string framed = message + "]]>]]>";
-        ASSERT_EQ(::write(fd_, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
-    }
-    std::string receive() {
-        std::string in;
-        char buffer[4096];
-        while (in.find("]]>]]>") == std::string::npos) {
-            const ssize_t n = ::read(fd_, buffer, sizeof buffer);
-            if (n <= 0) break;
-            in.append(buffer, static_cast<std::size_t>(n));
-        }
-        return in.substr(0, in.find("]]>]]>"));
-    }
-    std::string rpc(const std::string& body) {
-        send("<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"1\">" + body + "</rpc>");
-        return receive();
-    }
-
-private:
-    int fd_ = -1;
-};
-
 TEST_F(SessionTest, MalformedRequestsGetProtocolErrors) {
-    RawSession raw(daemon.socket_path());
+    auto raw = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(raw);
+    raw->hello("1.0");
     struct Case {
         std::string body;
         const char* tag;
@@ -360,14 +328,85 @@ TEST_F(SessionTest, MalformedRequestsGetProtocolErrors) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.body);
-        const std::string reply = raw.rpc(c.body);
+        const std::string reply = raw->rpc(c.body);
         EXPECT_EQ(count_elements(reply, "rpc-error"), 1u) << reply;
         if (*c.tag) {
             EXPECT_EQ(element_text(reply, "error-tag"), c.tag) << reply;
         }
     }
     // The session survives all of them.
-    EXPECT_EQ(count_elements(raw.rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
+    EXPECT_EQ(count_elements(raw->rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
+}
+
+// A client that breaks the framing loses its session, and only that one:
+// another session keeps editing meanwhile, and the daemon stays up.
+TEST_F(SessionTest, BrokenFramingEndsOnlyThatSession) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> edits{0};
+    std::atomic<bool> refused{false};
+    std::thread editor([&] {
+        for (int i = 0; !stop; ++i) {
+            if (!client->edit(profile_edit("<name>e</name><description>edit " + std::to_string(i) + "</description>")).ok) {
+                refused = true;
+                return;
+            }
+            edits = i + 1;
+        }
+    });
+    const auto join = [&] {
+        stop = true;
+        if (editor.joinable()) editor.join();
+    };
+    struct Joiner {
+        std::function<void()> join;
+        ~Joiner() { join(); }
+    } joiner{join};
+    struct Case {
+        const char* what;
+        const char* hello;  // base version offered first; null: none
+        std::string bytes;
+    };
+    const std::vector<Case> cases = {
+        {"non-numeric chunk size", "1.1", "\n#abc\n<rpc/>\n##\n"},
+        {"chunk size 0", "1.1", "\n#0\n"},
+        {"chunk size above 4294967295", "1.1", "\n#4294967296\n<rpc/>"},
+        {"chunk size 2^64-1", "1.1", "\n#18446744073709551615\n<rpc/>"},
+        {"end of chunks without a chunk", "1.1", "\n##\n"},
+        {"a chunk longer than its size", "1.1", "\n#3\n<rpc/>\n##\n"},
+        {"end-of-message framing after agreeing on chunks", "1.1", "<rpc/>]]>]]>"},
+        {"garbage before the hello", nullptr,
+         "\x01\x02garbage<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities><capability>"
+         "urn:ietf:params:netconf:base:1.1</capability></capabilities></hello>]]>]]>"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto raw = RawSession::unix_socket(daemon.socket_path());
+        ASSERT_TRUE(raw);
+        if (c.hello) raw->hello(c.hello);
+        raw->write(c.bytes);
+        EXPECT_TRUE(raw->ended());
+    }
+
+    // A message without its end marker holds up nobody, and is served once
+    // the marker comes.
+    auto slow = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(slow);
+    slow->hello("1.1");
+    const std::string get = "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"7\">"
+                            "<get-config><source><running/></source></get-config></rpc>";
+    slow->write("\n#" + std::to_string(get.size()) + "\n" + get);
+    const int before = edits;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (edits < before + 20 && !refused && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_GE(edits, before + 20) << "the other session stood still";
+    slow->write("\n##\n");
+    EXPECT_EQ(count_elements(slow->receive(), "data"), 1u);
+
+    join();
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(element_text(client->running(), "description"), "edit " + std::to_string(edits - 1));
+    EXPECT_TRUE(daemon.running());
 }
 
 TEST_F(SessionTest, ARestartKeepsTheConfigurationAndTheAppliance) {

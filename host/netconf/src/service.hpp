@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <string>
 #include <unordered_map>
 
 #include "tavrik/netconf/datastore.hpp"
@@ -38,6 +39,10 @@ struct Service {
     // Makes the server look at its sessions again (one was killed).
     std::function<void()> wake;
 };
+
+// A line in the daemon's log (stderr), when `level` is within the configured
+// verbosity; `session` 0 names none.
+void log_line(NC_VERB_LEVEL level, std::uint32_t session, const std::string& text);
 
 // Installs the operation handlers on the RPC schema nodes of `service`'s
 // context. Must run before nc_server_init, which would otherwise install

@@ -65,7 +65,11 @@ TEST_F(SessionTest, HelloAnnouncesTheModelAndTheCapabilitiesServed) {
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:validate:1.1"));
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:rollback-on-error:1.0"));
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:yang-library:1.1"));
-    EXPECT_FALSE(has("urn:ietf:params:netconf:capability:candidate"));
+    EXPECT_TRUE(has("urn:ietf:params:netconf:capability:xpath:1.0"));
+    for (const char* unserved : {"candidate", "confirmed-commit", "startup", "url"})
+        EXPECT_FALSE(has(std::string("urn:ietf:params:netconf:capability:") + unserved)) << unserved;
+    EXPECT_TRUE(has("urn:ietf:params:xml:ns:netconf:base:1.0?module=ietf-netconf&revision=2011-06-01"
+                    "&features=writable-running,rollback-on-error,validate,xpath"));
 }
 
 TEST_F(SessionTest, AnEditReachesTheRunningConfigurationAndTheAppliance) {
@@ -321,10 +325,7 @@ TEST_F(SessionTest, MalformedRequestsGetProtocolErrors) {
         {"<edit-config><target><running/></target><default-operation>sideways</default-operation><config/>"
          "</edit-config>",
          "operation-failed"},
-        {"<lock><target><candidate/></target></lock>", "operation-failed"},
-        {"<get><filter type=\"xpath\" select=\"/a\"/></get>", "operation-not-supported"},
         {"<delete-config><target><running/></target></delete-config>", "operation-failed"},
-        {"<copy-config><target><running/></target><source><candidate/></source></copy-config>", "operation-failed"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.body);
@@ -407,6 +408,33 @@ TEST_F(SessionTest, BrokenFramingEndsOnlyThatSession) {
     EXPECT_FALSE(refused);
     EXPECT_EQ(element_text(client->running(), "description"), "edit " + std::to_string(edits - 1));
     EXPECT_TRUE(daemon.running());
+}
+
+// The operations and datastores of the protocol the daemon does not serve
+// (their features are not announced) are known all the same, and refused
+// as not supported.
+TEST_F(SessionTest, UnservedOperationsAndDatastoresAreNotSupported) {
+    auto raw = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(raw);
+    raw->hello("1.1");
+    for (const char* body : {
+             "<commit/>",
+             "<commit><confirmed/><confirm-timeout>2</confirm-timeout></commit>",
+             "<discard-changes/>",
+             "<cancel-commit/>",
+             "<delete-config><target><startup/></target></delete-config>",
+             "<lock><target><candidate/></target></lock>",
+             "<get-config><source><startup/></source></get-config>",
+             "<edit-config><target><candidate/></target><config/></edit-config>",
+             "<copy-config><target><startup/></target><source><running/></source></copy-config>",
+             "<copy-config><target><running/></target><source><candidate/></source></copy-config>",
+             "<validate><source><url>file:///tmp/x</url></source></validate>",
+         }) {
+        SCOPED_TRACE(body);
+        const std::string reply = raw->rpc(body);
+        EXPECT_EQ(element_text(reply, "error-tag"), "operation-not-supported") << reply;
+    }
+    EXPECT_EQ(count_elements(raw->rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
 }
 
 TEST_F(SessionTest, ARestartKeepsTheConfigurationAndTheAppliance) {

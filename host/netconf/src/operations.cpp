@@ -546,6 +546,12 @@ nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
     });
 }
 
+nc_server_reply* op_not_supported(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+        return failure("operation-not-supported", "tkav-netconfd does not implement <" + std::string(LYD_NAME(rpc)) + ">");
+    });
+}
+
 struct Handler {
     const char* path;
     nc_rpc_clb callback;
@@ -592,6 +598,12 @@ void install_operations(Service& service) {
         if (!node) throw std::runtime_error(std::string("the schema context lacks ") + handler.path);
         nc_set_rpc_callback(const_cast<lysc_node*>(node), reinterpret_cast<void*>(handler.callback));
     }
+}
+
+void refuse_unserved_operations(Service& service) {
+    const lys_module* module = ly_ctx_get_module_implemented(service.context, "ietf-netconf");
+    for (lysc_node* rpc = &module->compiled->rpcs->node; rpc; rpc = rpc->next)
+        if (!rpc->priv) nc_set_rpc_callback(rpc, reinterpret_cast<void*>(op_not_supported));
 }
 
 }  // namespace tavrik::netconf::detail

@@ -22,6 +22,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -55,6 +56,25 @@ void print_log(const nc_session* session, NC_VERB_LEVEL level, const char* messa
 
 // ---- schema context ---------------------------------------------------------
 
+// The capabilities the daemon has: edits go straight to the running
+// configuration, <validate>, all-or-nothing edits and XPath filters.
+constexpr std::string_view kServedFeatures[] = {"writable-running", "validate", "rollback-on-error", "xpath"};
+
+// Clears the enabled flag of the ietf-netconf features the daemon does not
+// serve, once the schema is compiled: the hello (which libnetconf2 builds
+// from the flags) and ietf-yang-library announce the served ones only, while
+// the compiled schema keeps the operations of all. Nothing compiles the
+// module again afterwards.
+void withhold_features(ly_ctx* ctx) {
+    const lys_module* module = ly_ctx_get_module_implemented(ctx, "ietf-netconf");
+    LY_ARRAY_COUNT_TYPE i;
+    LY_ARRAY_FOR(module->parsed->features, i) {
+        lysp_feature& feature = module->parsed->features[i];
+        if (std::find(std::begin(kServedFeatures), std::end(kServedFeatures), feature.name) == std::end(kServedFeatures))
+            feature.flags &= ~LYS_FENABLED;
+    }
+}
+
 ly_ctx* build_context(const Options& options, const std::string& model) {
     ly_ctx* ctx = nullptr;
     if (ly_ctx_new(options.ietf_yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
@@ -66,9 +86,12 @@ ly_ctx* build_context(const Options& options, const std::string& model) {
             throw ServerError(std::string("cannot load YANG module ") + name + ": " + detail);
         }
     };
-    // The capabilities the daemon has: edits go straight to the running
-    // configuration, <validate> and all-or-nothing edits.
-    const char* netconf_features[] = {"writable-running", "validate", "rollback-on-error", nullptr};
+    // Every feature of ietf-netconf is compiled, so that every operation and
+    // parameter of the protocol parses and the daemon answers those it does
+    // not serve with operation-not-supported (libnetconf2 would answer an
+    // unknown element with operation-failed); withhold_features() keeps
+    // them from being announced.
+    const char* netconf_features[] = {"*", nullptr};
     load("ietf-netconf", netconf_features);
     load("ietf-netconf-monitoring", nullptr);
     load("ietf-netconf-with-defaults", nullptr);
@@ -81,6 +104,7 @@ ly_ctx* build_context(const Options& options, const std::string& model) {
         ly_ctx_destroy(ctx);
         throw ServerError("cannot load the daemon's YANG module");
     }
+    withhold_features(ctx);
     return ctx;
 }
 
@@ -527,6 +551,7 @@ Server::Server(const Options& options, Datastore& datastore) : impl_(std::make_u
         impl.service.context = build_context(options, datastore.model_name());
         detail::install_operations(impl.service);
         if (nc_server_init(impl.service.context) != 0) throw ServerError("cannot initialise the NETCONF server");
+        detail::refuse_unserved_operations(impl.service);
         impl.initialised = true;
         announce_module(impl.service.context, datastore.model_name().c_str());
         announce_module(impl.service.context, detail::kDaemonModule);

@@ -48,5 +48,8 @@ void log_line(NC_VERB_LEVEL level, std::uint32_t session, const std::string& tex
 // context. Must run before nc_server_init, which would otherwise install
 // libnetconf2's own <get-schema>. One service per process.
 void install_operations(Service& service);
+// Every ietf-netconf operation left without a handler (after nc_server_init
+// installed libnetconf2's own) answers operation-not-supported.
+void refuse_unserved_operations(Service& service);
 
 }  // namespace tavrik::netconf::detail

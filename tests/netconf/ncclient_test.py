@@ -262,6 +262,22 @@ class NcclientTest(unittest.TestCase):
         self.assertEqual(self.appliance_configuration(), appliance)
         self.assertEqual(texts(self.appliance(), "lines-received"), received)
 
+    def test_xpath_filters_with_prefixes_of_the_clients_choosing(self):
+        for name in ("p1", "p2", "p3"):
+            self.m.edit_config(target="running", config=profile(f"<name>{name}</name>"))
+        select = "/av:antivirus/av:vsys[av:name='vs1']/av:profiles/av:profile[av:name!='p2']"
+        for read in (lambda f: self.m.get_config(source="running", filter=f), lambda f: self.m.get(filter=f)):
+            data = read(("xpath", ({"av": NS}, select))).data_ele
+            self.assertEqual([e.tag.split("}")[-1] for e in data], ["antivirus"])  # no state, no library
+            self.assertEqual(texts(data, "name"), ["vs1", "p1", "p3"])
+        for bad, tag in (("/av:antivirus[", "operation-failed"), ("/zz:antivirus", "operation-failed"),
+                         ("count(/av:antivirus)", "invalid-value")):
+            with self.subTest(select=bad), self.assertRaises(RPCError) as caught:
+                self.m.get(filter=("xpath", ({"av": NS}, bad)))
+            self.assertEqual(caught.exception.tag, tag)
+            self.assertTrue(caught.exception.message)
+        self.assertEqual(sorted(texts(self.running(), "name")), ["p1", "p2", "p3", "vs1"])
+
     def test_a_second_session_is_denied_the_lock(self):
         other = self.daemon.connect()
         try:

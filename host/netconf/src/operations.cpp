@@ -13,6 +13,7 @@
 
 #include "service.hpp"
 #include "tavrik/netconf/subtree_filter.hpp"
+#include "tavrik/netconf/xpath_filter.hpp"
 
 namespace tavrik::netconf::detail {
 namespace {
@@ -267,7 +268,7 @@ const lyd_node* any_tree(const lyd_node* any, Tree& owned) {
     return tree;
 }
 
-// The <filter> parameter of <get> and <get-config>.
+// The <filter> parameter of <get> and <get-config>: subtree or XPath.
 class Filter {
 public:
     // Reads the filter of `rpc`; returns an error reply when it cannot be
@@ -276,20 +277,55 @@ public:
         const lyd_node* filter = find(rpc, "filter");
         if (!filter) return nullptr;
         const lyd_meta* type = lyd_find_meta(filter->meta, nullptr, "ietf-netconf:type");
-        if (type && std::string_view(lyd_get_meta_value(type)) != "subtree")
-            return failure("operation-not-supported", "only subtree filters are supported");
-        present_ = true;
+        if (type && std::string_view(lyd_get_meta_value(type)) == "xpath") {
+            const lyd_meta* select = lyd_find_meta(filter->meta, nullptr, "ietf-netconf:select");
+            if (!select)
+                return nc_server_reply_err(nc_err(g_service->context, NC_ERR_MISSING_ATTR, NC_ERR_TYPE_PROT, "select", "filter"));
+            kind_ = Kind::XPath;
+            select_ = lyd_get_meta_value(select);
+            return nullptr;
+        }
+        kind_ = Kind::Subtree;
         tree_ = any_tree(filter, owned_);
         return nullptr;
     }
     // Whether data of the module with namespace `ns` can be selected.
-    bool reaches(std::string_view ns) const { return !present_ || filter_reaches(tree_, ns); }
-    Tree apply(Tree data) const { return present_ ? Tree(apply_subtree_filter(data.get(), tree_)) : std::move(data); }
+    bool reaches(std::string_view ns) const {
+        switch (kind_) {
+        case Kind::Subtree:
+            return filter_reaches(tree_, ns);
+        case Kind::XPath:
+            return xpath_reaches(g_service->context, select_, ns);
+        default:
+            return true;
+        }
+    }
+    // The rpc-reply with what the filter selects of `data`.
+    nc_server_reply* reply(const lyd_node* rpc, Tree data) const {
+        try {
+            return data_reply(rpc, apply(std::move(data)), with_defaults(rpc));
+        } catch (const XPathError& e) {
+            return failure("invalid-value", e.what());
+        }
+    }
 
 private:
-    bool present_ = false;
+    enum class Kind { None, Subtree, XPath };
+    Tree apply(Tree data) const {
+        switch (kind_) {
+        case Kind::Subtree:
+            return Tree(apply_subtree_filter(data.get(), tree_));
+        case Kind::XPath:
+            return Tree(apply_xpath_filter(data.get(), select_));
+        default:
+            return data;
+        }
+    }
+
+    Kind kind_ = Kind::None;
     const lyd_node* tree_ = nullptr;
     Tree owned_;
+    std::string select_;  // libyang's form: module names as prefixes
 };
 
 // ---- operations ------------------------------------------------------------
@@ -300,8 +336,7 @@ nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
             return error;
         Filter filter;
         if (nc_server_reply* error = filter.read(rpc)) return error;
-        Tree data(g_service->datastore.read(g_service->context).running);
-        return data_reply(rpc, filter.apply(std::move(data)), with_defaults(rpc));
+        return filter.reply(rpc, Tree(g_service->datastore.read(g_service->context).running));
     });
 }
 
@@ -391,7 +426,7 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
                 append(data, library);
         }
         if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data().release());
-        return data_reply(rpc, filter.apply(std::move(data)), with_defaults(rpc));
+        return filter.reply(rpc, std::move(data));
     });
 }
 

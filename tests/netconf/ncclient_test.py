@@ -29,6 +29,7 @@ import xml.etree.ElementTree as ET
 import ncclient.transport.ssh
 from ncclient import manager
 from ncclient.operations.rpc import RPCError
+from ncclient.xml_ import to_ele
 
 # ncclient waits up to TICK seconds for each reply.
 ncclient.transport.ssh.TICK = 0.002
@@ -36,6 +37,7 @@ ncclient.transport.ssh.TICK = 0.002
 NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
 DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
+NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
 PROFILE_PATH = ("/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/"
                 "tk-antivirus:profile/")
 
@@ -263,20 +265,51 @@ class NcclientTest(unittest.TestCase):
         self.assertEqual(texts(self.appliance(), "lines-received"), received)
 
     def test_xpath_filters_with_prefixes_of_the_clients_choosing(self):
-        for name in ("p1", "p2", "p3"):
-            self.m.edit_config(target="running", config=profile(f"<name>{name}</name>"))
-        select = "/av:antivirus/av:vsys[av:name='vs1']/av:profiles/av:profile[av:name!='p2']"
+        self.m.edit_config(target="running", config=config(
+            "<vsys><name>vx</name><profiles>" + "".join(f"<profile><name>{name}</name></profile>"
+                                                        for name in ("p1", "p2", "p3")) + "</profiles></vsys>"))
+        select = "/av:antivirus/av:vsys[av:name='vx']/av:profiles/av:profile[av:name!='p2']"
         for read in (lambda f: self.m.get_config(source="running", filter=f), lambda f: self.m.get(filter=f)):
             data = read(("xpath", ({"av": NS}, select))).data_ele
             self.assertEqual([e.tag.split("}")[-1] for e in data], ["antivirus"])  # no state, no library
-            self.assertEqual(texts(data, "name"), ["vs1", "p1", "p3"])
+            self.assertEqual(texts(data, "name"), ["vx", "p1", "p3"])
         for bad, tag in (("/av:antivirus[", "operation-failed"), ("/zz:antivirus", "operation-failed"),
                          ("count(/av:antivirus)", "invalid-value")):
             with self.subTest(select=bad), self.assertRaises(RPCError) as caught:
                 self.m.get(filter=("xpath", ({"av": NS}, bad)))
             self.assertEqual(caught.exception.tag, tag)
             self.assertTrue(caught.exception.message)
-        self.assertEqual(sorted(texts(self.running(), "name")), ["p1", "p2", "p3", "vs1"])
+        self.assertIn("p2", texts(self.running(), "name"))  # the session goes on
+
+    def test_monitoring_shows_this_session_and_its_lock(self):
+        def state(inner):
+            reply = self.m.get(filter=("subtree", f'<netconf-state xmlns="{NCM_NS}">{inner}</netconf-state>'))
+            return reply.data_ele
+
+        def own_session():
+            entry = state(f"<sessions><session><session-id>{self.m.session_id}</session-id></session></sessions>")
+            return {e.tag.split("}")[-1]: e.text for e in entry.iter() if len(e) == 0}
+
+        before = own_session()
+        self.assertEqual(before["username"], "admin")
+        self.assertEqual(before["transport"].split(":")[-1], "netconf-ssh")
+        self.assertEqual(before["source-host"], "127.0.0.1")
+        self.assertTrue(before["login-time"])
+        with self.assertRaises(RPCError):  # refused by libnetconf2 itself, while parsing
+            self.m.dispatch(to_ele(f'<no-such-operation xmlns="{NC_NS}"/>'))
+        after = own_session()
+        # The monitoring <get> before, the refused request.
+        self.assertEqual(int(after["in-rpcs"]), int(before["in-rpcs"]) + 1)
+        self.assertEqual(int(after["in-bad-rpcs"]), int(before["in-bad-rpcs"]) + 1)
+        self.assertEqual(int(after["out-rpc-errors"]), int(before["out-rpc-errors"]) + 1)
+
+        self.m.lock(target="running")
+        lock = state("<datastores/>")
+        self.assertEqual(texts(lock, "name"), ["running"])
+        self.assertEqual(texts(lock, "locked-by-session"), [str(self.m.session_id)])
+        self.assertTrue(texts(lock, "locked-time")[0].startswith(time.strftime("%Y-", time.gmtime())))
+        self.m.unlock(target="running")
+        self.assertEqual(texts(state("<datastores/>"), "locked-by-session"), [])
 
     def test_a_second_session_is_denied_the_lock(self):
         other = self.daemon.connect()

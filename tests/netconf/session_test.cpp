@@ -1,5 +1,6 @@
 // tkav-netconfd through libnetconf2's client API on its UNIX socket.
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -435,6 +436,63 @@ TEST_F(SessionTest, UnservedOperationsAndDatastoresAreNotSupported) {
         EXPECT_EQ(element_text(reply, "error-tag"), "operation-not-supported") << reply;
     }
     EXPECT_EQ(count_elements(raw->rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
+}
+
+// ietf-netconf-monitoring as the daemon keeps it: the session's transport
+// and account, and the statistics of sessions and hellos.
+TEST_F(SessionTest, MonitoringKnowsTheSessionsAndCountsThem) {
+    constexpr const char* kMonitoring = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring";
+    const auto statistic = [&](const char* name) {
+        const Reply reply = client->get("<netconf-state xmlns=\"" + std::string(kMonitoring) + "\"><statistics/></netconf-state>");
+        return std::stoul(element_text(reply.data.value_or(""), name).value_or("0"));
+    };
+    const unsigned long bad_hellos = statistic("in-bad-hellos");
+    const unsigned long sessions = statistic("in-sessions");
+    const unsigned long dropped = statistic("dropped-sessions");
+
+    auto bad = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(bad);
+    bad->write("<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities/></hello>]]>]]>");
+    EXPECT_TRUE(bad->ended());
+    auto gone = RawSession::unix_socket(daemon.socket_path());  // leaves without <close-session>
+    ASSERT_TRUE(gone);
+    gone->hello("1.0");
+    gone.reset();
+    auto closed = daemon.connect();
+    ASSERT_TRUE(closed);
+    EXPECT_TRUE(closed->close().ok);
+    closed.reset();
+
+    EXPECT_EQ(statistic("in-bad-hellos"), bad_hellos + 1);
+    EXPECT_EQ(statistic("in-sessions"), sessions + 2);
+    EXPECT_EQ(statistic("dropped-sessions"), dropped + 1);
+
+    const Reply own = client->get("<netconf-state xmlns=\"" + std::string(kMonitoring) +
+                                  "\"><sessions><session><session-id>" + std::to_string(client->id()) +
+                                  "</session-id></session></sessions></netconf-state>");
+    ASSERT_TRUE(own.data);
+    EXPECT_EQ(count_elements(*own.data, "session"), 1u);
+    const std::string transport = element_text(*own.data, "transport").value_or("");
+    EXPECT_EQ(transport.substr(transport.find(':') + 1), "unix-socket");
+    const passwd* account = ::getpwuid(::geteuid());
+    ASSERT_TRUE(account);
+    EXPECT_EQ(element_text(*own.data, "username"), account->pw_name);
+    EXPECT_FALSE(element_text(*own.data, "source-host"));
+}
+
+TEST_F(SessionTest, TheYangLibraryListsTheDatastores) {
+    const Reply library = client->get("<yang-library xmlns=\"urn:ietf:params:xml:ns:yang:ietf-yang-library\"/>");
+    ASSERT_TRUE(library.data);
+    EXPECT_EQ(count_elements(*library.data, "datastore"), 1u);
+    // <datastore><name>ds:running</name><schema>S</schema>, and S is the
+    // name of the schema the library describes (<schema><name>S</name>...).
+    const std::string datastore = element_text(*library.data, "datastore").value_or("");
+    const std::string described = element_text(*library.data, "schema").value_or("");
+    const std::size_t identity_end = datastore.find(":running") + std::string_view(":running").size();
+    ASSERT_NE(datastore.find(":running"), std::string::npos) << *library.data;
+    const std::string schema = datastore.substr(identity_end);
+    EXPECT_FALSE(schema.empty());
+    EXPECT_EQ(described.substr(0, schema.size()), schema) << *library.data;
 }
 
 TEST_F(SessionTest, ARestartKeepsTheConfigurationAndTheAppliance) {

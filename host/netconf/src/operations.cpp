@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "monitoring.hpp"
 #include "service.hpp"
 #include "tavrik/netconf/subtree_filter.hpp"
 #include "tavrik/netconf/xpath_filter.hpp"
@@ -340,31 +341,6 @@ nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
     });
 }
 
-// Capabilities and schemas of ietf-netconf-monitoring.
-Tree monitoring_data() {
-    ly_ctx* ctx = g_service->context;
-    lyd_node* root = nullptr;
-    const auto add = [&](const std::string& path, const char* value) {
-        lyd_new_path(root, ctx, path.c_str(), value, 0, root ? nullptr : &root);
-    };
-    // The capability texts live in the context's dictionary until removed.
-    const char** capabilities = nc_server_get_cpblts(ctx);
-    for (const char** c = capabilities; c && *c; ++c) {
-        add("/ietf-netconf-monitoring:netconf-state/capabilities/capability", *c);
-        lydict_remove(ctx, *c);
-    }
-    std::free(capabilities);
-    uint32_t index = 0;
-    while (const lys_module* module = ly_ctx_get_module_iter(ctx, &index)) {
-        const std::string schema = "/ietf-netconf-monitoring:netconf-state/schemas/schema[identifier='" +
-                                   std::string(module->name) + "'][version='" +
-                                   (module->revision ? module->revision : "") + "'][format='yang']";
-        add(schema + "/namespace", module->ns);
-        add(schema + "/location", "NETCONF");
-    }
-    return Tree(root);
-}
-
 // The appliance, in the daemon's own model.
 Tree platform_data(const PlatformReading& platform) {
     ly_ctx* ctx = g_service->context;
@@ -420,12 +396,8 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
             append(data, tree);
         }
         if (reaches(kDaemonModule)) append(data, platform_data(reading.platform).release());
-        if (reaches("ietf-yang-library")) {
-            lyd_node* library = nullptr;
-            if (ly_ctx_get_yanglib_data(ctx, &library, "%u", ly_ctx_get_change_count(ctx)) == LY_SUCCESS)
-                append(data, library);
-        }
-        if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data().release());
+        if (reaches("ietf-yang-library")) append(data, library_data(*g_service));
+        if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data(*g_service));
         return filter.reply(rpc, std::move(data));
     });
 }
@@ -605,26 +577,6 @@ constexpr Handler kHandlers[] = {
 };
 
 }  // namespace
-
-void SessionRegistry::add(nc_session* session) {
-    std::lock_guard lock(mutex_);
-    sessions_[nc_session_get_id(session)] = session;
-}
-
-void SessionRegistry::remove(nc_session* session) {
-    std::lock_guard lock(mutex_);
-    sessions_.erase(nc_session_get_id(session));
-}
-
-bool SessionRegistry::kill(std::uint32_t id, std::uint32_t killer) {
-    std::lock_guard lock(mutex_);
-    const auto it = sessions_.find(id);
-    if (it == sessions_.end()) return false;
-    nc_session_set_term_reason(it->second, NC_SESSION_TERM_KILLED);
-    nc_session_set_killed_by(it->second, killer);
-    nc_session_set_status(it->second, NC_STATUS_INVALID);
-    return true;
-}
 
 void install_operations(Service& service) {
     g_service = &service;

@@ -232,11 +232,19 @@ public:
     SessionSet(const SessionSet&) = delete;
     SessionSet& operator=(const SessionSet&) = delete;
 
-    // Runs in the thread that accepted `session`.
-    bool add(nc_session* session) {
-        if (nc_session_get_ti(session) == NC_TI_LIBSSH)
+    // Takes the outcome of libnetconf2's <hello> exchange (`hello`,
+    // `session`) in the thread that ran it: a new session joins the set and
+    // the registry. False when none did. `user`: the account of a session on
+    // descriptors (libnetconf2 2.0 drops the one nc_accept_inout gets); SSH
+    // sessions come with theirs.
+    bool admit(NC_MSG_TYPE hello, nc_session* session, detail::Transport transport, std::string user = {}) {
+        if (hello == NC_MSG_BAD_HELLO) service_.sessions.bad_hello();
+        if (hello != NC_MSG_HELLO) return false;
+        if (transport == detail::Transport::Ssh) {
             detail::ssh_hello_done(nc_session_get_version(session) != 0, nc_session_get_id(session));
-        service_.sessions.add(session);
+            if (const char* name = nc_session_get_username(session)) user = name;
+        }
+        service_.sessions.add(session, transport, user);
         if (nc_ps_add_session(ps_, session) == 0) return true;
         service_.sessions.remove(session);
         nc_session_free(session, nullptr);
@@ -253,8 +261,9 @@ public:
         if (result & (NC_PSPOLL_NOSESSIONS | NC_PSPOLL_TIMEOUT)) return false;
         if (result & NC_PSPOLL_SSH_CHANNEL) {
             nc_session* channel = nullptr;
-            if (nc_ps_accept_ssh_channel(ps_, &channel) == NC_MSG_HELLO) add(channel);
+            admit(nc_ps_accept_ssh_channel(ps_, &channel), channel, detail::Transport::Ssh);
         }
+        if (session) service_.sessions.count(session, result);
         if ((result & NC_PSPOLL_SESSION_TERM) && session) {
             std::lock_guard lock(end_mutex_);
             service_.sessions.remove(session);
@@ -313,19 +322,17 @@ public:
     // Runs the <hello> exchange with the client on `in` and `out` (in the
     // calling thread) and adds its session. False when no session came of
     // it; the descriptors are closed then.
-    bool accept(int in, int out, const std::string& user) {
+    bool accept(int in, int out, const std::string& user, detail::Transport transport) {
         Descriptors descriptors{-1, in, out, nullptr};
         descriptors.server_in = inputs_.add(in, descriptors.input);
         nc_session* session = nullptr;
-        if (descriptors.server_in < 0 ||
-            nc_accept_inout(descriptors.server_in, out, user.c_str(), &session) != NC_MSG_HELLO) {
-            release(descriptors);
-            return false;
-        }
-        inputs_.set_framing(descriptors.input, nc_session_get_version(session) != 0,
-                            nc_session_get_id(session));
+        const NC_MSG_TYPE hello = descriptors.server_in < 0
+                                      ? NC_MSG_ERROR
+                                      : nc_accept_inout(descriptors.server_in, out, user.c_str(), &session);
+        if (hello == NC_MSG_HELLO)
+            inputs_.set_framing(descriptors.input, nc_session_get_version(session) != 0, nc_session_get_id(session));
         std::lock_guard lock(mutex_);
-        if (!set_.add(session)) {
+        if (!set_.admit(hello, session, transport, user)) {
             release(descriptors);
             return false;
         }
@@ -507,7 +514,8 @@ struct Server::Impl {
     void ssh_acceptor() {
         while (!stopping.load(std::memory_order_relaxed)) {
             nc_session* session = nullptr;
-            if (nc_accept(200, &session) == NC_MSG_HELLO) ssh_sessions->add(session);
+            const NC_MSG_TYPE hello = nc_accept(200, &session);
+            ssh_sessions->admit(hello, session, detail::Transport::Ssh);
         }
         nc_thread_destroy();
     }
@@ -516,12 +524,13 @@ struct Server::Impl {
         while (!stopping.load(std::memory_order_relaxed)) {
             const int fd = unix_listener->accept(200);
             if (fd < 0) continue;
-            descriptors->accept(fd, fd, peer_user(fd));
+            descriptors->accept(fd, fd, peer_user(fd), detail::Transport::UnixSocket);
         }
     }
 
     int serve_stdio() {
-        if (!descriptors->accept(STDIN_FILENO, STDOUT_FILENO, account_name(::geteuid()))) {
+        if (!descriptors->accept(STDIN_FILENO, STDOUT_FILENO, account_name(::geteuid()),
+                                 detail::Transport::StandardStreams)) {
             print_log(nullptr, NC_VERB_ERROR, "no NETCONF session on the standard streams");
             return 1;
         }

@@ -327,6 +327,7 @@ TEST_F(SessionTest, MalformedRequestsGetProtocolErrors) {
          "</edit-config>",
          "operation-failed"},
         {"<delete-config><target><running/></target></delete-config>", "operation-failed"},
+        {"<get><filter type=\"xpath\"/></get>", "missing-attribute"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.body);

@@ -106,8 +106,8 @@ int pull(ssh_channel channel, Channel& state, int timeout_ms) {
     char buffer[65536];
     for (int left = available; left > 0 && !state.reader.failed();) {
         const int n = real().read(channel, buffer, static_cast<uint32_t>(std::min<int>(left, sizeof buffer)), 0);
+        if (n == 0 || n == SSH_AGAIN) break;
         if (n < 0) return SSH_ERROR;
-        if (n == 0) break;
         state.reader.feed(std::string_view(buffer, static_cast<std::size_t>(n)));
         left -= n;
     }

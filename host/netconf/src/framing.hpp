@@ -78,8 +78,8 @@ private:
 // The input of sessions on descriptors the daemon owns. One thread reads
 // what the clients send, splits it with a FrameReader each and writes whole
 // messages into a pipe that libnetconf2 reads as the session's input. When
-// a client breaks the framing or goes away, the pipe closes after the last
-// whole message and libnetconf2 ends the session.
+// a client breaks the framing the pipe closes at once; when it goes away,
+// after its last whole message; either way libnetconf2 ends the session.
 class FramedInputs {
 public:
     struct Input;
@@ -91,8 +91,8 @@ public:
     FramedInputs& operator=(const FramedInputs&) = delete;
 
     // Starts reading `client` (which stays the caller's); returns the
-    // descriptor to hand to libnetconf2 as the session's input (closed by
-    // remove()), or -1.
+    // descriptor to hand to libnetconf2 as the session's input (the
+    // caller's too, to close after remove()), or -1.
     int add(int client, Handle& handle);
     // The framing the session agreed on in its <hello> exchange.
     void set_framing(Handle handle, bool chunked, std::uint32_t session);

@@ -6,7 +6,10 @@
 #include <libxml/tree.h>
 #include <libyang/libyang.h>
 #include <nc_client.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -262,6 +265,83 @@ std::uint64_t Client::lines_received() {
     return std::stoull(element_text(reply.data.value_or(""), "lines-received").value_or("0"));
 }
 
+// ---- RawSession ---------------------------------------------------------------
+
+std::unique_ptr<RawSession> RawSession::unix_socket(const std::string& path) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+    if (fd < 0 || ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+        if (fd >= 0) ::close(fd);
+        return nullptr;
+    }
+    return std::make_unique<RawSession>(fd, ::dup(fd));
+}
+
+RawSession::RawSession(int from_server, int to_server) : from_(from_server), to_(to_server) {}
+
+RawSession::~RawSession() {
+    ::close(from_);
+    ::close(to_);
+}
+
+void RawSession::write(std::string_view bytes) {
+    // The daemon may end the session halfway; what it did not take is lost.
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t n = ::write(to_, bytes.data() + done, bytes.size() - done);
+        if (n <= 0) return;
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+std::string RawSession::hello(std::string_view version) {
+    write("<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities><capability>"
+          "urn:ietf:params:netconf:base:" + std::string(version) + "</capability></capabilities></hello>]]>]]>");
+    const std::string reply = receive();
+    chunked_ = version == "1.1";
+    return reply;
+}
+
+std::string RawSession::rpc(std::string_view body) {
+    const std::string message =
+        "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"1\">" + std::string(body) + "</rpc>";
+    write(chunked_ ? "\n#" + std::to_string(message.size()) + "\n" + message + "\n##\n" : message + "]]>]]>");
+    return receive();
+}
+
+std::string RawSession::receive() {
+    const std::string_view end = chunked_ ? "\n##\n" : "]]>]]>";
+    char buffer[4096];
+    while (in_.find(end) == std::string::npos) {
+        const ssize_t n = ::read(from_, buffer, sizeof buffer);
+        if (n <= 0) return {};
+        in_.append(buffer, static_cast<std::size_t>(n));
+    }
+    const std::size_t at = in_.find(end);
+    std::string message = in_.substr(0, at);
+    in_.erase(0, at + end.size());
+    if (!chunked_) return message;
+    // Chunk headers out: "\n#<size>\n" before each chunk.
+    std::string content;
+    for (std::size_t pos = 0; (pos = message.find("\n#", pos)) != std::string::npos;) {
+        const std::size_t data = message.find('\n', pos + 2) + 1;
+        const std::size_t size = std::stoul(message.substr(pos + 2, data - pos - 3));
+        content += message.substr(data, size);
+        pos = data + size;
+    }
+    return content;
+}
+
+bool RawSession::ended() {
+    pollfd p{from_, POLLIN, 0};
+    char buffer[4096];
+    while (::poll(&p, 1, 30000) > 0) {
+        if (::read(from_, buffer, sizeof buffer) <= 0) return true;
+    }
+    return false;
+}
+
 std::string antivirus(std::string_view body) {
     return "<antivirus xmlns=\"" + std::string(kModelNs) + "\">" + std::string(body) + "</antivirus>";
 }
@@ -386,15 +466,27 @@ void Daemon::kill() {
     pid_ = -1;
 }
 
-std::unique_ptr<Client> Daemon::stdio_session(const std::vector<std::string>& extra) {
-    int to_daemon[2], from_daemon[2];
-    if (pipe2(to_daemon, O_CLOEXEC) != 0 || pipe2(from_daemon, O_CLOEXEC) != 0) return nullptr;
+bool Daemon::stdio_pipes(const std::vector<std::string>& extra, int& from_daemon, int& to_daemon) {
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) return false;
     std::vector<std::string> args = command(extra);
     args.push_back("--stdio");
-    stdio_pid_ = spawn(args, dir_ + "/stderr.log", to_daemon[0], from_daemon[1]);
-    ::close(to_daemon[0]);
-    ::close(from_daemon[1]);
-    return Client::inout(from_daemon[0], to_daemon[1]);
+    stdio_pid_ = spawn(args, dir_ + "/stderr.log", in[0], out[1]);
+    ::close(in[0]);
+    ::close(out[1]);
+    from_daemon = out[0];
+    to_daemon = in[1];
+    return true;
+}
+
+std::unique_ptr<Client> Daemon::stdio_session(const std::vector<std::string>& extra) {
+    int from = -1, to = -1;
+    return stdio_pipes(extra, from, to) ? Client::inout(from, to) : nullptr;
+}
+
+std::unique_ptr<RawSession> Daemon::stdio_raw(const std::vector<std::string>& extra) {
+    int from = -1, to = -1;
+    return stdio_pipes(extra, from, to) ? std::make_unique<RawSession>(from, to) : nullptr;
 }
 
 int Daemon::wait_stdio() {

@@ -74,6 +74,32 @@ private:
     int fds_[2];  // descriptors of an inout session, closed with it
 };
 
+// A session spoken byte by byte, for what a library client would never
+// send: on the daemon's UNIX socket or on a pair of descriptors.
+class RawSession {
+public:
+    static std::unique_ptr<RawSession> unix_socket(const std::string& path);
+    RawSession(int from_server, int to_server);  // takes both
+    ~RawSession();
+    RawSession(const RawSession&) = delete;
+    RawSession& operator=(const RawSession&) = delete;
+
+    void write(std::string_view bytes);
+    // Sends a <hello> offering base `version` ("1.0" or "1.1") and reads the
+    // daemon's; later messages are framed as that version says.
+    std::string hello(std::string_view version);
+    std::string rpc(std::string_view body);  // one <rpc>, framed; the reply
+    std::string receive();                   // one message; "" at the end
+    // Whether the daemon ends the session (within 30 s), reading what is left.
+    bool ended();
+
+private:
+    int from_;
+    int to_;
+    bool chunked_ = false;
+    std::string in_;
+};
+
 // The model's configuration wrapped for an edit: <antivirus> with `body`.
 std::string antivirus(std::string_view body);
 // A subtree filter element of the daemon's own model.
@@ -109,6 +135,8 @@ public:
     // Runs tkav-netconfd --stdio on this state directory; the pipes to it
     // go to the returned client. One at a time.
     std::unique_ptr<Client> stdio_session(const std::vector<std::string>& extra = {});
+    // The same, spoken byte by byte.
+    std::unique_ptr<RawSession> stdio_raw(const std::vector<std::string>& extra = {});
     // Waits for the --stdio process to exit; its status.
     int wait_stdio();
 
@@ -119,6 +147,7 @@ public:
 
 private:
     std::vector<std::string> command(const std::vector<std::string>& extra) const;
+    bool stdio_pipes(const std::vector<std::string>& extra, int& from_daemon, int& to_daemon);
     std::string dir_;
     bool owns_dir_ = true;
     std::string pid_file_;

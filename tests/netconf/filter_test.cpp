@@ -1,12 +1,15 @@
-// Subtree filtering of the daemon's data trees.
+// Subtree and XPath filtering of the daemon's data trees.
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>
 
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "tavrik/netconf/subtree_filter.hpp"
+#include "tavrik/netconf/xpath_filter.hpp"
 
 namespace tavrik::netconf {
 namespace {
@@ -126,6 +129,43 @@ TEST(SubtreeFilterReachTest, TellsWhichModulesAFilterCanSelect) {
     EXPECT_TRUE(filter_reaches(any, "urn:example:whatever"));
     lyd_free_siblings(any);
     EXPECT_FALSE(filter_reaches(nullptr, kNs));  // an empty filter selects nothing
+}
+
+// Selected nodes come with their ancestors and the keys of those, nothing
+// else of the ancestors.
+TEST(XPathFilterTest, SelectsNodesWithTheirAncestorsAndKeys) {
+    Trees trees;
+    lyd_node* data = trees.data(kData);
+    const std::string av_ = "/tavrik-antivirus:antivirus";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {av_ + "/vsys/profiles/profile[name='p2']",
+         av("<vsys><name>vs1</name><profiles><profile><name>p2</name></profile></profiles></vsys>")},
+        {av_ + "/vsys/profiles/profile/description",
+         av("<vsys><name>vs1</name><profiles><profile><name>p1</name><description>office</description></profile>"
+            "</profiles></vsys>")},
+        {av_ + "/vsys[antivirus-enable='true'] | //tavrik-antivirus:protocol-type",
+         av("<vsys><name>vs1</name><profiles><profile><name>p1</name><detect><protocol-type>http</protocol-type>"
+            "</detect></profile></profiles></vsys><vsys><name>vs2</name><antivirus-enable>true</antivirus-enable>"
+            "</vsys>")},
+        {av_ + "/vsys[name='none']", ""},
+    };
+    for (const auto& [select, expected] : cases) {
+        SCOPED_TRACE(select);
+        lyd_node* selected = apply_xpath_filter(data, select);
+        EXPECT_EQ(print(selected), expected);
+        lyd_free_siblings(selected);
+    }
+    EXPECT_THROW(apply_xpath_filter(data, "count(" + av_ + "/vsys)"), XPathError);
+    lyd_free_siblings(data);
+}
+
+TEST(XPathFilterTest, TellsWhichModulesAnExpressionCanSelect) {
+    Trees trees;
+    constexpr const char* kOther = "urn:ietf:params:xml:ns:yang:ietf-yang-library";
+    EXPECT_TRUE(xpath_reaches(trees.model, "/tavrik-antivirus:antivirus/vsys", kNs));
+    EXPECT_FALSE(xpath_reaches(trees.model, "/tavrik-antivirus:antivirus/vsys", kOther));
+    EXPECT_TRUE(xpath_reaches(trees.model, "//tavrik-antivirus:description", kNs));
+    EXPECT_TRUE(xpath_reaches(trees.model, "/*", kNs));
 }
 
 }  // namespace

@@ -29,6 +29,7 @@ import xml.etree.ElementTree as ET
 import ncclient.transport.ssh
 from ncclient import manager
 from ncclient.operations.rpc import RPCError
+from ncclient.xml_ import to_ele
 
 # ncclient waits up to TICK seconds for each reply.
 ncclient.transport.ssh.TICK = 0.002
@@ -36,6 +37,7 @@ ncclient.transport.ssh.TICK = 0.002
 NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
 DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
+NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
 PROFILE_PATH = ("/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/"
                 "tk-antivirus:profile/")
 
@@ -262,6 +264,53 @@ class NcclientTest(unittest.TestCase):
         self.assertEqual(self.appliance_configuration(), appliance)
         self.assertEqual(texts(self.appliance(), "lines-received"), received)
 
+    def test_xpath_filters_with_prefixes_of_the_clients_choosing(self):
+        self.m.edit_config(target="running", config=config(
+            "<vsys><name>vx</name><profiles>" + "".join(f"<profile><name>{name}</name></profile>"
+                                                        for name in ("p1", "p2", "p3")) + "</profiles></vsys>"))
+        select = "/av:antivirus/av:vsys[av:name='vx']/av:profiles/av:profile[av:name!='p2']"
+        for read in (lambda f: self.m.get_config(source="running", filter=f), lambda f: self.m.get(filter=f)):
+            data = read(("xpath", ({"av": NS}, select))).data_ele
+            self.assertEqual([e.tag.split("}")[-1] for e in data], ["antivirus"])  # no state, no library
+            self.assertEqual(texts(data, "name"), ["vx", "p1", "p3"])
+        for bad, tag in (("/av:antivirus[", "operation-failed"), ("/zz:antivirus", "operation-failed"),
+                         ("count(/av:antivirus)", "invalid-value")):
+            with self.subTest(select=bad), self.assertRaises(RPCError) as caught:
+                self.m.get(filter=("xpath", ({"av": NS}, bad)))
+            self.assertEqual(caught.exception.tag, tag)
+            self.assertTrue(caught.exception.message)
+        self.assertIn("p2", texts(self.running(), "name"))  # the session goes on
+
+    def test_monitoring_shows_this_session_and_its_lock(self):
+        def state(inner):
+            reply = self.m.get(filter=("subtree", f'<netconf-state xmlns="{NCM_NS}">{inner}</netconf-state>'))
+            return reply.data_ele
+
+        def own_session():
+            entry = state(f"<sessions><session><session-id>{self.m.session_id}</session-id></session></sessions>")
+            return {e.tag.split("}")[-1]: e.text for e in entry.iter() if len(e) == 0}
+
+        before = own_session()
+        self.assertEqual(before["username"], "admin")
+        self.assertEqual(before["transport"].split(":")[-1], "netconf-ssh")
+        self.assertEqual(before["source-host"], "127.0.0.1")
+        self.assertTrue(before["login-time"])
+        with self.assertRaises(RPCError):  # refused by libnetconf2 itself, while parsing
+            self.m.dispatch(to_ele(f'<no-such-operation xmlns="{NC_NS}"/>'))
+        after = own_session()
+        # The monitoring <get> before, the refused request.
+        self.assertEqual(int(after["in-rpcs"]), int(before["in-rpcs"]) + 1)
+        self.assertEqual(int(after["in-bad-rpcs"]), int(before["in-bad-rpcs"]) + 1)
+        self.assertEqual(int(after["out-rpc-errors"]), int(before["out-rpc-errors"]) + 1)
+
+        self.m.lock(target="running")
+        lock = state("<datastores/>")
+        self.assertEqual(texts(lock, "name"), ["running"])
+        self.assertEqual(texts(lock, "locked-by-session"), [str(self.m.session_id)])
+        self.assertTrue(texts(lock, "locked-time")[0].startswith(time.strftime("%Y-", time.gmtime())))
+        self.m.unlock(target="running")
+        self.assertEqual(texts(state("<datastores/>"), "locked-by-session"), [])
+
     def test_a_second_session_is_denied_the_lock(self):
         other = self.daemon.connect()
         try:
@@ -278,6 +327,30 @@ class NcclientTest(unittest.TestCase):
             other.unlock(target="running")
         finally:
             other.close_session()
+
+    def test_broken_framing_ends_only_that_ssh_session(self):
+        hello = (f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
+                 '</capability></capabilities></hello>]]>]]>').encode()
+        cases = [b"\n#abc\n<rpc/>\n##\n", b"\n#18446744073709551615\n<rpc/>", b"\n##\n", b"<rpc/>]]>]]>"]
+        for number, payload in enumerate(cases):
+            with self.subTest(payload=payload):
+                transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
+                try:
+                    transport.connect(username="admin", password="s3cret")
+                    channel = transport.open_session()
+                    channel.invoke_subsystem("netconf")
+                    channel.settimeout(300 if OPTIONS.valgrind else 30)
+                    channel.sendall(hello + payload)
+                    received = b""
+                    while chunk := channel.recv(65536):  # the daemon's hello, then the end
+                        received += chunk
+                    self.assertIn(b"<session-id>", received)
+                finally:
+                    transport.close()
+                # This test's session edits on in between.
+                self.m.edit_config(target="running", config=profile(
+                    f"<name>p1</name><description>edit {number}</description>"))
+        self.assertEqual(texts(self.running(), "description"), [f"edit {len(cases) - 1}"])
 
     def test_public_key_and_password_logins(self):
         for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},

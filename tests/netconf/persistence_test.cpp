@@ -168,12 +168,20 @@ TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone) {
 
 TEST_F(DatastoreTest, TheLockBelongsToOneSessionUntilItEnds) {
     Datastore store(options());
+    const auto holder = [&] { return store.datastores().at(0).lock_holder; };
+    ASSERT_EQ(store.datastores().size(), 1u);
+    EXPECT_EQ(store.datastores()[0].name, "running");
+    EXPECT_EQ(holder(), 0u);
+    const auto before = std::chrono::system_clock::now();
     EXPECT_EQ(store.lock(7), 0u);
+    EXPECT_EQ(holder(), 7u);
+    EXPECT_GE(store.datastores()[0].locked_since, before);
     EXPECT_EQ(store.lock(8), 7u);
     EXPECT_EQ(store.edit(8, edit(kProfile))->tag, "in-use");
     EXPECT_FALSE(store.unlock(8));
     EXPECT_EQ(store.edit(7, edit(kProfile)), std::nullopt);
     store.session_ended(7);
+    EXPECT_EQ(holder(), 0u);
     EXPECT_EQ(store.lock(8), 0u);
     EXPECT_TRUE(store.unlock(8));
 }

@@ -1,12 +1,17 @@
 // tkav-netconfd through libnetconf2's client API on its UNIX socket.
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "client.hpp"
 
@@ -61,7 +66,11 @@ TEST_F(SessionTest, HelloAnnouncesTheModelAndTheCapabilitiesServed) {
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:validate:1.1"));
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:rollback-on-error:1.0"));
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:yang-library:1.1"));
-    EXPECT_FALSE(has("urn:ietf:params:netconf:capability:candidate"));
+    EXPECT_TRUE(has("urn:ietf:params:netconf:capability:xpath:1.0"));
+    for (const char* unserved : {"candidate", "confirmed-commit", "startup", "url"})
+        EXPECT_FALSE(has(std::string("urn:ietf:params:netconf:capability:") + unserved)) << unserved;
+    EXPECT_TRUE(has("urn:ietf:params:xml:ns:netconf:base:1.0?module=ietf-netconf&revision=2011-06-01"
+                    "&features=writable-running,rollback-on-error,validate,xpath"));
 }
 
 TEST_F(SessionTest, AnEditReachesTheRunningConfigurationAndTheAppliance) {
@@ -297,46 +306,10 @@ TEST_F(SessionTest, SubtreeFiltersSelectWholeSubtrees) {
     }
 }
 
-// Raw NETCONF 1.0 messages on the socket, for what a library client would
-// never send.
-class RawSession {
-public:
-    explicit RawSession(const std::string& path) {
-        fd_ = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-        EXPECT_EQ(::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-        send("<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities>"
-             "<capability>urn:ietf:params:netconf:base:1.0</capability></capabilities></hello>");
-        receive();  // the server's hello
-    }
-    ~RawSession() { ::close(fd_); }
-    void send(const std::string& message) {
-        const std::string framed = message + "]]>]]>";
-        ASSERT_EQ(::write(fd_, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
-    }
-    std::string receive() {
-        std::string in;
-        char buffer[4096];
-        while (in.find("]]>]]>") == std::string::npos) {
-            const ssize_t n = ::read(fd_, buffer, sizeof buffer);
-            if (n <= 0) break;
-            in.append(buffer, static_cast<std::size_t>(n));
-        }
-        return in.substr(0, in.find("]]>]]>"));
-    }
-    std::string rpc(const std::string& body) {
-        send("<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"1\">" + body + "</rpc>");
-        return receive();
-    }
-
-private:
-    int fd_ = -1;
-};
-
 TEST_F(SessionTest, MalformedRequestsGetProtocolErrors) {
-    RawSession raw(daemon.socket_path());
+    auto raw = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(raw);
+    raw->hello("1.0");
     struct Case {
         std::string body;
         const char* tag;
@@ -353,21 +326,174 @@ TEST_F(SessionTest, MalformedRequestsGetProtocolErrors) {
         {"<edit-config><target><running/></target><default-operation>sideways</default-operation><config/>"
          "</edit-config>",
          "operation-failed"},
-        {"<lock><target><candidate/></target></lock>", "operation-failed"},
-        {"<get><filter type=\"xpath\" select=\"/a\"/></get>", "operation-not-supported"},
         {"<delete-config><target><running/></target></delete-config>", "operation-failed"},
-        {"<copy-config><target><running/></target><source><candidate/></source></copy-config>", "operation-failed"},
+        {"<get><filter type=\"xpath\"/></get>", "missing-attribute"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.body);
-        const std::string reply = raw.rpc(c.body);
+        const std::string reply = raw->rpc(c.body);
         EXPECT_EQ(count_elements(reply, "rpc-error"), 1u) << reply;
         if (*c.tag) {
             EXPECT_EQ(element_text(reply, "error-tag"), c.tag) << reply;
         }
     }
     // The session survives all of them.
-    EXPECT_EQ(count_elements(raw.rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
+    EXPECT_EQ(count_elements(raw->rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
+}
+
+// A client that breaks the framing loses its session, and only that one:
+// another session keeps editing meanwhile, and the daemon stays up.
+TEST_F(SessionTest, BrokenFramingEndsOnlyThatSession) {
+    std::atomic<bool> stop{false};
+    std::atomic<int> edits{0};
+    std::atomic<bool> refused{false};
+    std::thread editor([&] {
+        for (int i = 0; !stop; ++i) {
+            if (!client->edit(profile_edit("<name>e</name><description>edit " + std::to_string(i) + "</description>")).ok) {
+                refused = true;
+                return;
+            }
+            edits = i + 1;
+        }
+    });
+    const auto join = [&] {
+        stop = true;
+        if (editor.joinable()) editor.join();
+    };
+    struct Joiner {
+        std::function<void()> join;
+        ~Joiner() { join(); }
+    } joiner{join};
+    struct Case {
+        const char* what;
+        const char* hello;  // base version offered first; null: none
+        std::string bytes;
+    };
+    const std::vector<Case> cases = {
+        {"non-numeric chunk size", "1.1", "\n#abc\n<rpc/>\n##\n"},
+        {"chunk size 0", "1.1", "\n#0\n"},
+        {"chunk size above 4294967295", "1.1", "\n#4294967296\n<rpc/>"},
+        {"chunk size 2^64-1", "1.1", "\n#18446744073709551615\n<rpc/>"},
+        {"end of chunks without a chunk", "1.1", "\n##\n"},
+        {"a chunk longer than its size", "1.1", "\n#3\n<rpc/>\n##\n"},
+        {"end-of-message framing after agreeing on chunks", "1.1", "<rpc/>]]>]]>"},
+        {"garbage before the hello", nullptr,
+         "\x01\x02garbage<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities><capability>"
+         "urn:ietf:params:netconf:base:1.1</capability></capabilities></hello>]]>]]>"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto raw = RawSession::unix_socket(daemon.socket_path());
+        ASSERT_TRUE(raw);
+        if (c.hello) raw->hello(c.hello);
+        raw->write(c.bytes);
+        EXPECT_TRUE(raw->ended());
+    }
+
+    // A message without its end marker holds up nobody, and is served once
+    // the marker comes.
+    auto slow = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(slow);
+    slow->hello("1.1");
+    const std::string get = "<rpc xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\" message-id=\"7\">"
+                            "<get-config><source><running/></source></get-config></rpc>";
+    slow->write("\n#" + std::to_string(get.size()) + "\n" + get);
+    const int before = edits;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (edits < before + 20 && !refused && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    EXPECT_GE(edits, before + 20) << "the other session stood still";
+    slow->write("\n##\n");
+    EXPECT_EQ(count_elements(slow->receive(), "data"), 1u);
+
+    join();
+    EXPECT_FALSE(refused);
+    EXPECT_EQ(element_text(client->running(), "description"), "edit " + std::to_string(edits - 1));
+    EXPECT_TRUE(daemon.running());
+}
+
+// The operations and datastores of the protocol the daemon does not serve
+// (their features are not announced) are known all the same, and refused
+// as not supported.
+TEST_F(SessionTest, UnservedOperationsAndDatastoresAreNotSupported) {
+    auto raw = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(raw);
+    raw->hello("1.1");
+    for (const char* body : {
+             "<commit/>",
+             "<commit><confirmed/><confirm-timeout>2</confirm-timeout></commit>",
+             "<discard-changes/>",
+             "<cancel-commit/>",
+             "<delete-config><target><startup/></target></delete-config>",
+             "<lock><target><candidate/></target></lock>",
+             "<get-config><source><startup/></source></get-config>",
+             "<edit-config><target><candidate/></target><config/></edit-config>",
+             "<copy-config><target><startup/></target><source><running/></source></copy-config>",
+             "<copy-config><target><running/></target><source><candidate/></source></copy-config>",
+             "<validate><source><url>file:///tmp/x</url></source></validate>",
+         }) {
+        SCOPED_TRACE(body);
+        const std::string reply = raw->rpc(body);
+        EXPECT_EQ(element_text(reply, "error-tag"), "operation-not-supported") << reply;
+    }
+    EXPECT_EQ(count_elements(raw->rpc("<get-config><source><running/></source></get-config>"), "data"), 1u);
+}
+
+// ietf-netconf-monitoring as the daemon keeps it: the session's transport
+// and account, and the statistics of sessions and hellos.
+TEST_F(SessionTest, MonitoringKnowsTheSessionsAndCountsThem) {
+    constexpr const char* kMonitoring = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring";
+    const auto statistic = [&](const char* name) {
+        const Reply reply = client->get("<netconf-state xmlns=\"" + std::string(kMonitoring) + "\"><statistics/></netconf-state>");
+        return std::stoul(element_text(reply.data.value_or(""), name).value_or("0"));
+    };
+    const unsigned long bad_hellos = statistic("in-bad-hellos");
+    const unsigned long sessions = statistic("in-sessions");
+    const unsigned long dropped = statistic("dropped-sessions");
+
+    auto bad = RawSession::unix_socket(daemon.socket_path());
+    ASSERT_TRUE(bad);
+    bad->write("<hello xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"><capabilities/></hello>]]>]]>");
+    EXPECT_TRUE(bad->ended());
+    auto gone = RawSession::unix_socket(daemon.socket_path());  // leaves without <close-session>
+    ASSERT_TRUE(gone);
+    gone->hello("1.0");
+    gone.reset();
+    auto closed = daemon.connect();
+    ASSERT_TRUE(closed);
+    EXPECT_TRUE(closed->close().ok);
+    closed.reset();
+
+    EXPECT_EQ(statistic("in-bad-hellos"), bad_hellos + 1);
+    EXPECT_EQ(statistic("in-sessions"), sessions + 2);
+    EXPECT_EQ(statistic("dropped-sessions"), dropped + 1);
+
+    const Reply own = client->get("<netconf-state xmlns=\"" + std::string(kMonitoring) +
+                                  "\"><sessions><session><session-id>" + std::to_string(client->id()) +
+                                  "</session-id></session></sessions></netconf-state>");
+    ASSERT_TRUE(own.data);
+    EXPECT_EQ(count_elements(*own.data, "session"), 1u);
+    const std::string transport = element_text(*own.data, "transport").value_or("");
+    EXPECT_EQ(transport.substr(transport.find(':') + 1), "unix-socket");
+    const passwd* account = ::getpwuid(::geteuid());
+    ASSERT_TRUE(account);
+    EXPECT_EQ(element_text(*own.data, "username"), account->pw_name);
+    EXPECT_FALSE(element_text(*own.data, "source-host"));
+}
+
+TEST_F(SessionTest, TheYangLibraryListsTheDatastores) {
+    const Reply library = client->get("<yang-library xmlns=\"urn:ietf:params:xml:ns:yang:ietf-yang-library\"/>");
+    ASSERT_TRUE(library.data);
+    EXPECT_EQ(count_elements(*library.data, "datastore"), 1u);
+    // <datastore><name>ds:running</name><schema>S</schema>, and S is the
+    // name of the schema the library describes (<schema><name>S</name>...).
+    const std::string datastore = element_text(*library.data, "datastore").value_or("");
+    const std::string described = element_text(*library.data, "schema").value_or("");
+    const std::size_t identity_end = datastore.find(":running") + std::string_view(":running").size();
+    ASSERT_NE(datastore.find(":running"), std::string::npos) << *library.data;
+    const std::string schema = datastore.substr(identity_end);
+    EXPECT_FALSE(schema.empty());
+    EXPECT_EQ(described.substr(0, schema.size()), schema) << *library.data;
 }
 
 TEST_F(SessionTest, ARestartKeepsTheConfigurationAndTheAppliance) {

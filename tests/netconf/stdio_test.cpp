@@ -55,6 +55,30 @@ TEST(StdioTest, BesideARunningDaemonTheSessionIsTheDaemons) {
     EXPECT_TRUE(local->lock().ok);  // the relayed session has ended in the daemon
 }
 
+// Broken framing on the standard streams ends that session: the --stdio
+// daemon exits normally, and a relayed session leaves the daemon it was
+// relayed to serving the others.
+TEST(StdioTest, BrokenFramingEndsTheSessionOnly) {
+    for (const bool beside_a_daemon : {false, true}) {
+        SCOPED_TRACE(beside_a_daemon ? "relayed" : "own session");
+        Daemon daemon;
+        if (beside_a_daemon) daemon.start();
+        auto raw = daemon.stdio_raw();
+        ASSERT_TRUE(raw);
+        raw->hello("1.1");
+        raw->write("\n#abc\n<rpc/>\n##\n");
+        EXPECT_TRUE(raw->ended());
+        EXPECT_EQ(daemon.wait_stdio(), 0) << daemon.stderr_text();
+        EXPECT_NE(daemon.stderr_text().find("invalid chunk size; the session ends"), std::string::npos)
+            << daemon.stderr_text();
+        if (beside_a_daemon) {
+            auto other = daemon.connect();
+            ASSERT_TRUE(other);
+            EXPECT_TRUE(other->get_config().data);
+        }
+    }
+}
+
 TEST(StdioTest, OneStateDirectoryServesOneDaemon) {
     Daemon daemon;
     daemon.start();

@@ -94,6 +94,7 @@ struct Datastore::Impl {
     std::optional<SnapshotStore> store;  // none: nothing persists
     std::string committed;  // running configuration as last written to disk
     std::uint32_t holder = 0;
+    std::chrono::system_clock::time_point locked_since;
 
     ~Impl() {
         engine.reset();  // the module closes while its platform is still there
@@ -193,6 +194,7 @@ std::uint32_t Datastore::lock(std::uint32_t session) {
     std::lock_guard lock(impl_->mutex);
     if (impl_->holder) return impl_->holder;
     impl_->holder = session;
+    impl_->locked_since = std::chrono::system_clock::now();
     return 0;
 }
 
@@ -206,6 +208,11 @@ bool Datastore::unlock(std::uint32_t session) {
 void Datastore::session_ended(std::uint32_t session) {
     std::lock_guard lock(impl_->mutex);
     if (impl_->holder == session) impl_->holder = 0;
+}
+
+std::vector<DatastoreStatus> Datastore::datastores() const {
+    std::lock_guard lock(impl_->mutex);
+    return {DatastoreStatus{"running", impl_->holder, impl_->locked_since}};
 }
 
 const std::string& Datastore::model_name() const { return impl_->engine->model_name(); }

@@ -11,8 +11,10 @@
 #include <string>
 #include <string_view>
 
+#include "monitoring.hpp"
 #include "service.hpp"
 #include "tavrik/netconf/subtree_filter.hpp"
+#include "tavrik/netconf/xpath_filter.hpp"
 
 namespace tavrik::netconf::detail {
 namespace {
@@ -267,7 +269,7 @@ const lyd_node* any_tree(const lyd_node* any, Tree& owned) {
     return tree;
 }
 
-// The <filter> parameter of <get> and <get-config>.
+// The <filter> parameter of <get> and <get-config>: subtree or XPath.
 class Filter {
 public:
     // Reads the filter of `rpc`; returns an error reply when it cannot be
@@ -276,20 +278,55 @@ public:
         const lyd_node* filter = find(rpc, "filter");
         if (!filter) return nullptr;
         const lyd_meta* type = lyd_find_meta(filter->meta, nullptr, "ietf-netconf:type");
-        if (type && std::string_view(lyd_get_meta_value(type)) != "subtree")
-            return failure("operation-not-supported", "only subtree filters are supported");
-        present_ = true;
+        if (type && std::string_view(lyd_get_meta_value(type)) == "xpath") {
+            const lyd_meta* select = lyd_find_meta(filter->meta, nullptr, "ietf-netconf:select");
+            if (!select)
+                return nc_server_reply_err(nc_err(g_service->context, NC_ERR_MISSING_ATTR, NC_ERR_TYPE_PROT, "select", "filter"));
+            kind_ = Kind::XPath;
+            select_ = lyd_get_meta_value(select);
+            return nullptr;
+        }
+        kind_ = Kind::Subtree;
         tree_ = any_tree(filter, owned_);
         return nullptr;
     }
     // Whether data of the module with namespace `ns` can be selected.
-    bool reaches(std::string_view ns) const { return !present_ || filter_reaches(tree_, ns); }
-    Tree apply(Tree data) const { return present_ ? Tree(apply_subtree_filter(data.get(), tree_)) : std::move(data); }
+    bool reaches(std::string_view ns) const {
+        switch (kind_) {
+        case Kind::Subtree:
+            return filter_reaches(tree_, ns);
+        case Kind::XPath:
+            return xpath_reaches(g_service->context, select_, ns);
+        default:
+            return true;
+        }
+    }
+    // The rpc-reply with what the filter selects of `data`.
+    nc_server_reply* reply(const lyd_node* rpc, Tree data) const {
+        try {
+            return data_reply(rpc, apply(std::move(data)), with_defaults(rpc));
+        } catch (const XPathError& e) {
+            return failure("invalid-value", e.what());
+        }
+    }
 
 private:
-    bool present_ = false;
+    enum class Kind { None, Subtree, XPath };
+    Tree apply(Tree data) const {
+        switch (kind_) {
+        case Kind::Subtree:
+            return Tree(apply_subtree_filter(data.get(), tree_));
+        case Kind::XPath:
+            return Tree(apply_xpath_filter(data.get(), select_));
+        default:
+            return data;
+        }
+    }
+
+    Kind kind_ = Kind::None;
     const lyd_node* tree_ = nullptr;
     Tree owned_;
+    std::string select_;  // libyang's form: module names as prefixes
 };
 
 // ---- operations ------------------------------------------------------------
@@ -300,34 +337,8 @@ nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
             return error;
         Filter filter;
         if (nc_server_reply* error = filter.read(rpc)) return error;
-        Tree data(g_service->datastore.read(g_service->context).running);
-        return data_reply(rpc, filter.apply(std::move(data)), with_defaults(rpc));
+        return filter.reply(rpc, Tree(g_service->datastore.read(g_service->context).running));
     });
-}
-
-// Capabilities and schemas of ietf-netconf-monitoring.
-Tree monitoring_data() {
-    ly_ctx* ctx = g_service->context;
-    lyd_node* root = nullptr;
-    const auto add = [&](const std::string& path, const char* value) {
-        lyd_new_path(root, ctx, path.c_str(), value, 0, root ? nullptr : &root);
-    };
-    // The capability texts live in the context's dictionary until removed.
-    const char** capabilities = nc_server_get_cpblts(ctx);
-    for (const char** c = capabilities; c && *c; ++c) {
-        add("/ietf-netconf-monitoring:netconf-state/capabilities/capability", *c);
-        lydict_remove(ctx, *c);
-    }
-    std::free(capabilities);
-    uint32_t index = 0;
-    while (const lys_module* module = ly_ctx_get_module_iter(ctx, &index)) {
-        const std::string schema = "/ietf-netconf-monitoring:netconf-state/schemas/schema[identifier='" +
-                                   std::string(module->name) + "'][version='" +
-                                   (module->revision ? module->revision : "") + "'][format='yang']";
-        add(schema + "/namespace", module->ns);
-        add(schema + "/location", "NETCONF");
-    }
-    return Tree(root);
 }
 
 // The appliance, in the daemon's own model.
@@ -385,13 +396,9 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
             append(data, tree);
         }
         if (reaches(kDaemonModule)) append(data, platform_data(reading.platform).release());
-        if (reaches("ietf-yang-library")) {
-            lyd_node* library = nullptr;
-            if (ly_ctx_get_yanglib_data(ctx, &library, "%u", ly_ctx_get_change_count(ctx)) == LY_SUCCESS)
-                append(data, library);
-        }
-        if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data().release());
-        return data_reply(rpc, filter.apply(std::move(data)), with_defaults(rpc));
+        if (reaches("ietf-yang-library")) append(data, library_data(*g_service));
+        if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data(*g_service));
+        return filter.reply(rpc, std::move(data));
     });
 }
 
@@ -546,6 +553,12 @@ nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
     });
 }
 
+nc_server_reply* op_not_supported(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+        return failure("operation-not-supported", "tkav-netconfd does not implement <" + std::string(LYD_NAME(rpc)) + ">");
+    });
+}
+
 struct Handler {
     const char* path;
     nc_rpc_clb callback;
@@ -565,26 +578,6 @@ constexpr Handler kHandlers[] = {
 
 }  // namespace
 
-void SessionRegistry::add(nc_session* session) {
-    std::lock_guard lock(mutex_);
-    sessions_[nc_session_get_id(session)] = session;
-}
-
-void SessionRegistry::remove(nc_session* session) {
-    std::lock_guard lock(mutex_);
-    sessions_.erase(nc_session_get_id(session));
-}
-
-bool SessionRegistry::kill(std::uint32_t id, std::uint32_t killer) {
-    std::lock_guard lock(mutex_);
-    const auto it = sessions_.find(id);
-    if (it == sessions_.end()) return false;
-    nc_session_set_term_reason(it->second, NC_SESSION_TERM_KILLED);
-    nc_session_set_killed_by(it->second, killer);
-    nc_session_set_status(it->second, NC_STATUS_INVALID);
-    return true;
-}
-
 void install_operations(Service& service) {
     g_service = &service;
     for (const auto& handler : kHandlers) {
@@ -592,6 +585,12 @@ void install_operations(Service& service) {
         if (!node) throw std::runtime_error(std::string("the schema context lacks ") + handler.path);
         nc_set_rpc_callback(const_cast<lysc_node*>(node), reinterpret_cast<void*>(handler.callback));
     }
+}
+
+void refuse_unserved_operations(Service& service) {
+    const lys_module* module = ly_ctx_get_module_implemented(service.context, "ietf-netconf");
+    for (lysc_node* rpc = &module->compiled->rpcs->node; rpc; rpc = rpc->next)
+        if (!rpc->priv) nc_set_rpc_callback(rpc, reinterpret_cast<void*>(op_not_supported));
 }
 
 }  // namespace tavrik::netconf::detail

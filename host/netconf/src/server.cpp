@@ -21,6 +21,8 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <unordered_map>
@@ -28,6 +30,7 @@
 
 #include "atomic_file.hpp"
 #include "daemon_module.hpp"
+#include "framing.hpp"
 #include "service.hpp"
 
 namespace tavrik::netconf {
@@ -38,16 +41,39 @@ constexpr const char* kHostKeyName = "host-key";
 
 int g_verbosity = 1;
 
-void print_log(const nc_session* session, NC_VERB_LEVEL level, const char* message) {
+void print_line(NC_VERB_LEVEL level, std::uint32_t session, const char* message) {
     static constexpr const char* kLevels[] = {"error", "warning", "verbose", "debug", "debug"};
     if (static_cast<int>(level) > g_verbosity) return;
     if (session)
-        std::fprintf(stderr, "tkav-netconfd: %s: session %u: %s\n", kLevels[level], nc_session_get_id(session), message);
+        std::fprintf(stderr, "tkav-netconfd: %s: session %u: %s\n", kLevels[level], session, message);
     else
         std::fprintf(stderr, "tkav-netconfd: %s: %s\n", kLevels[level], message);
 }
 
+void print_log(const nc_session* session, NC_VERB_LEVEL level, const char* message) {
+    print_line(level, session ? nc_session_get_id(session) : 0, message);
+}
+
 // ---- schema context ---------------------------------------------------------
+
+// The capabilities the daemon has: edits go straight to the running
+// configuration, <validate>, all-or-nothing edits and XPath filters.
+constexpr std::string_view kServedFeatures[] = {"writable-running", "validate", "rollback-on-error", "xpath"};
+
+// Clears the enabled flag of the ietf-netconf features the daemon does not
+// serve, once the schema is compiled: the hello (which libnetconf2 builds
+// from the flags) and ietf-yang-library announce the served ones only, while
+// the compiled schema keeps the operations of all. Nothing compiles the
+// module again afterwards.
+void withhold_features(ly_ctx* ctx) {
+    const lys_module* module = ly_ctx_get_module_implemented(ctx, "ietf-netconf");
+    LY_ARRAY_COUNT_TYPE i;
+    LY_ARRAY_FOR(module->parsed->features, i) {
+        lysp_feature& feature = module->parsed->features[i];
+        if (std::find(std::begin(kServedFeatures), std::end(kServedFeatures), feature.name) == std::end(kServedFeatures))
+            feature.flags &= ~LYS_FENABLED;
+    }
+}
 
 ly_ctx* build_context(const Options& options, const std::string& model) {
     ly_ctx* ctx = nullptr;
@@ -60,9 +86,12 @@ ly_ctx* build_context(const Options& options, const std::string& model) {
             throw ServerError(std::string("cannot load YANG module ") + name + ": " + detail);
         }
     };
-    // The capabilities the daemon has: edits go straight to the running
-    // configuration, <validate> and all-or-nothing edits.
-    const char* netconf_features[] = {"writable-running", "validate", "rollback-on-error", nullptr};
+    // Every feature of ietf-netconf is compiled, so that every operation and
+    // parameter of the protocol parses and the daemon answers those it does
+    // not serve with operation-not-supported (libnetconf2 would answer an
+    // unknown element with operation-failed); withhold_features() keeps
+    // them from being announced.
+    const char* netconf_features[] = {"*", nullptr};
     load("ietf-netconf", netconf_features);
     load("ietf-netconf-monitoring", nullptr);
     load("ietf-netconf-with-defaults", nullptr);
@@ -75,6 +104,7 @@ ly_ctx* build_context(const Options& options, const std::string& model) {
         ly_ctx_destroy(ctx);
         throw ServerError("cannot load the daemon's YANG module");
     }
+    withhold_features(ctx);
     return ctx;
 }
 
@@ -202,8 +232,19 @@ public:
     SessionSet(const SessionSet&) = delete;
     SessionSet& operator=(const SessionSet&) = delete;
 
-    bool add(nc_session* session) {
-        service_.sessions.add(session);
+    // Takes the outcome of libnetconf2's <hello> exchange (`hello`,
+    // `session`) in the thread that ran it: a new session joins the set and
+    // the registry. False when none did. `user`: the account of a session on
+    // descriptors (libnetconf2 2.0 drops the one nc_accept_inout gets); SSH
+    // sessions come with theirs.
+    bool admit(NC_MSG_TYPE hello, nc_session* session, detail::Transport transport, std::string user = {}) {
+        if (hello == NC_MSG_BAD_HELLO) service_.sessions.bad_hello();
+        if (hello != NC_MSG_HELLO) return false;
+        if (transport == detail::Transport::Ssh) {
+            detail::ssh_hello_done(nc_session_get_version(session) != 0, nc_session_get_id(session));
+            if (const char* name = nc_session_get_username(session)) user = name;
+        }
+        service_.sessions.add(session, transport, user);
         if (nc_ps_add_session(ps_, session) == 0) return true;
         service_.sessions.remove(session);
         nc_session_free(session, nullptr);
@@ -211,7 +252,8 @@ public:
     }
 
     // Serves one event (an RPC, a new SSH channel, a session's end).
-    // Returns false when there was none; `ended` is the session that ended.
+    // Returns false when there was none; `ended` is the session that ended,
+    // for the caller to free.
     bool poll(nc_session*& ended) {
         nc_session* session = nullptr;
         ended = nullptr;
@@ -219,8 +261,9 @@ public:
         if (result & (NC_PSPOLL_NOSESSIONS | NC_PSPOLL_TIMEOUT)) return false;
         if (result & NC_PSPOLL_SSH_CHANNEL) {
             nc_session* channel = nullptr;
-            if (nc_ps_accept_ssh_channel(ps_, &channel) == NC_MSG_HELLO) add(channel);
+            admit(nc_ps_accept_ssh_channel(ps_, &channel), channel, detail::Transport::Ssh);
         }
+        if (session) service_.sessions.count(session, result);
         if ((result & NC_PSPOLL_SESSION_TERM) && session) {
             std::lock_guard lock(end_mutex_);
             service_.sessions.remove(session);
@@ -228,7 +271,9 @@ public:
             nc_ps_del_session(ps_, session);
             ended = session;
         }
-        return true;
+        // An error that concerns no session (a lock of libnetconf2's that
+        // could not be taken) served nothing; asking again at once would spin.
+        return session || !(result & NC_PSPOLL_ERROR);
     }
 
 private:
@@ -259,8 +304,10 @@ private:
 };
 
 // Sessions on descriptors the daemon owns: clients of the UNIX socket and
-// the standard streams. One thread sleeps in poll() until a client writes,
-// then lets libnetconf2 read and serve the message.
+// the standard streams. What a client sends reaches libnetconf2 through the
+// framing checks (FramedInputs) as whole messages; one thread sleeps in
+// poll() until a message is there, then lets libnetconf2 read and serve it.
+// libnetconf2 writes the replies straight to the client.
 class DescriptorSessions {
 public:
     explicit DescriptorSessions(detail::Service& service) : set_(service), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
@@ -268,18 +315,30 @@ public:
     }
     ~DescriptorSessions() {
         set_.clear();
-        for (const auto& [session, fds] : fds_) close_pair(fds);
+        for (const auto& [session, descriptors] : sessions_) release(descriptors);
         ::close(wake_);
     }
 
-    void add(nc_session* session, int in, int out) {
+    // Runs the <hello> exchange with the client on `in` and `out` (in the
+    // calling thread) and adds its session. False when no session came of
+    // it; the descriptors are closed then.
+    bool accept(int in, int out, const std::string& user, detail::Transport transport) {
+        Descriptors descriptors{-1, in, out, nullptr};
+        descriptors.server_in = inputs_.add(in, descriptors.input);
+        nc_session* session = nullptr;
+        const NC_MSG_TYPE hello = descriptors.server_in < 0
+                                      ? NC_MSG_ERROR
+                                      : nc_accept_inout(descriptors.server_in, out, user.c_str(), &session);
+        if (hello == NC_MSG_HELLO)
+            inputs_.set_framing(descriptors.input, nc_session_get_version(session) != 0, nc_session_get_id(session));
         std::lock_guard lock(mutex_);
-        if (!set_.add(session)) {
-            close_pair({in, out});
-            return;
+        if (!set_.admit(hello, session, transport, user)) {
+            release(descriptors);
+            return false;
         }
-        fds_.emplace(session, std::pair{in, out});
+        sessions_.emplace(session, descriptors);
         wake();
+        return true;
     }
 
     // Async-signal-safe.
@@ -295,8 +354,9 @@ public:
             fds.assign(1, pollfd{wake_, POLLIN, 0});
             {
                 std::lock_guard lock(mutex_);
-                if (until_empty && fds_.empty()) return;
-                for (const auto& [session, pair] : fds_) fds.push_back(pollfd{pair.first, POLLIN, 0});
+                if (until_empty && sessions_.empty()) return;
+                for (const auto& [session, descriptors] : sessions_)
+                    fds.push_back(pollfd{descriptors.server_in, POLLIN, 0});
             }
             if (::poll(fds.data(), fds.size(), -1) < 0 && errno != EINTR) throw ServerError("poll failed");
             if (fds[0].revents) {
@@ -318,35 +378,46 @@ public:
     }
 
 private:
-    static void close_pair(std::pair<int, int> fds) {
-        ::close(fds.first);
-        if (fds.second != fds.first) ::close(fds.second);
+    struct Descriptors {
+        int server_in;  // what libnetconf2 reads: the client's whole messages
+        int client_in;
+        int client_out;
+        detail::FramedInputs::Handle input;
+    };
+
+    // libnetconf2 leaves the descriptors of such sessions open.
+    void release(const Descriptors& descriptors) {
+        if (descriptors.server_in >= 0) {
+            inputs_.remove(descriptors.input);
+            ::close(descriptors.server_in);
+        }
+        ::close(descriptors.client_in);
+        if (descriptors.client_out != descriptors.client_in) ::close(descriptors.client_out);
     }
 
     bool serve_one() {
         nc_session* ended = nullptr;
         if (!set_.poll(ended)) return false;
         if (ended) {
-            std::pair<int, int> pair{-1, -1};
+            std::optional<Descriptors> descriptors;
             {
                 std::lock_guard lock(mutex_);
-                const auto it = fds_.find(ended);
-                if (it != fds_.end()) {
-                    pair = it->second;
-                    fds_.erase(it);
+                if (const auto it = sessions_.find(ended); it != sessions_.end()) {
+                    descriptors = it->second;
+                    sessions_.erase(it);
                 }
             }
-            // libnetconf2 leaves the descriptors of such sessions open.
             nc_session_free(ended, nullptr);
-            if (pair.first >= 0) close_pair(pair);
+            if (descriptors) release(*descriptors);
         }
         return true;
     }
 
+    detail::FramedInputs inputs_;
     SessionSet set_;
     int wake_;
     std::mutex mutex_;
-    std::unordered_map<nc_session*, std::pair<int, int>> fds_;
+    std::unordered_map<nc_session*, Descriptors> sessions_;
 };
 
 // The UNIX socket: bound and listening with mode 0600 before anyone can
@@ -400,6 +471,10 @@ std::string peer_user(int fd) {
 
 }  // namespace
 
+void detail::log_line(NC_VERB_LEVEL level, std::uint32_t session, const std::string& text) {
+    print_line(level, session, text.c_str());
+}
+
 struct Server::Impl {
     Options options;
     std::string host_key;
@@ -439,7 +514,8 @@ struct Server::Impl {
     void ssh_acceptor() {
         while (!stopping.load(std::memory_order_relaxed)) {
             nc_session* session = nullptr;
-            if (nc_accept(200, &session) == NC_MSG_HELLO) ssh_sessions->add(session);
+            const NC_MSG_TYPE hello = nc_accept(200, &session);
+            ssh_sessions->admit(hello, session, detail::Transport::Ssh);
         }
         nc_thread_destroy();
     }
@@ -448,23 +524,16 @@ struct Server::Impl {
         while (!stopping.load(std::memory_order_relaxed)) {
             const int fd = unix_listener->accept(200);
             if (fd < 0) continue;
-            nc_session* session = nullptr;
-            const std::string user = peer_user(fd);
-            if (nc_accept_inout(fd, fd, user.c_str(), &session) == NC_MSG_HELLO)
-                descriptors->add(session, fd, fd);
-            else
-                ::close(fd);
+            descriptors->accept(fd, fd, peer_user(fd), detail::Transport::UnixSocket);
         }
     }
 
     int serve_stdio() {
-        nc_session* session = nullptr;
-        const std::string user = account_name(::geteuid());
-        if (nc_accept_inout(STDIN_FILENO, STDOUT_FILENO, user.c_str(), &session) != NC_MSG_HELLO) {
+        if (!descriptors->accept(STDIN_FILENO, STDOUT_FILENO, account_name(::geteuid()),
+                                 detail::Transport::StandardStreams)) {
             print_log(nullptr, NC_VERB_ERROR, "no NETCONF session on the standard streams");
             return 1;
         }
-        descriptors->add(session, STDIN_FILENO, STDOUT_FILENO);
         descriptors->serve(stopping, true);
         return 0;
     }
@@ -491,6 +560,7 @@ Server::Server(const Options& options, Datastore& datastore) : impl_(std::make_u
         impl.service.context = build_context(options, datastore.model_name());
         detail::install_operations(impl.service);
         if (nc_server_init(impl.service.context) != 0) throw ServerError("cannot initialise the NETCONF server");
+        detail::refuse_unserved_operations(impl.service);
         impl.initialised = true;
         announce_module(impl.service.context, datastore.model_name().c_str());
         announce_module(impl.service.context, detail::kDaemonModule);

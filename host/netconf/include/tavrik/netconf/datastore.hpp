@@ -9,6 +9,7 @@
 // the other. Calls may come from any thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -72,6 +73,13 @@ struct Reading {
     PlatformReading platform;
 };
 
+// A configuration datastore the daemon serves, and its lock.
+struct DatastoreStatus {
+    std::string name;               // "running"
+    std::uint32_t lock_holder = 0;  // the session holding the lock; 0: none
+    std::chrono::system_clock::time_point locked_since;
+};
+
 class DatastoreError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -106,6 +114,10 @@ public:
     std::uint32_t lock(std::uint32_t session);
     bool unlock(std::uint32_t session);   // false: the session does not hold it
     void session_ended(std::uint32_t session);
+
+    // Every datastore served, with its lock: what ietf-netconf-monitoring
+    // and ietf-yang-library report.
+    std::vector<DatastoreStatus> datastores() const;
 
     const std::string& model_name() const;
 

@@ -1,0 +1,90 @@
+// The framing checks in front of libnetconf2: what passes as whole
+// messages, what ends a session.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "framing.hpp"
+
+namespace tavrik::netconf::detail {
+namespace {
+
+constexpr std::string_view kHello = "<hello/>]]>]]>";
+
+struct Outcome {
+    std::string passed;  // bytes released as whole messages, hello included
+    std::string error;
+};
+
+// Feeds `after` (following the hello) in pieces of `step` bytes.
+Outcome run(std::string_view after, bool chunked, std::size_t step, std::size_t max_message = 1000) {
+    FrameReader reader(max_message);
+    Outcome out;
+    const std::string input = std::string(kHello) + std::string(after);
+    for (std::size_t i = 0; i < input.size() && !reader.failed(); i += step) {
+        reader.feed(std::string_view(input).substr(i, step));
+        if (reader.awaiting_framing()) reader.set_framing(chunked);
+        out.passed += reader.ready();
+        reader.consume(reader.ready().size());
+    }
+    out.error = reader.error();
+    return out;
+}
+
+TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
+    const std::string chunked = "\n#5\n<a/>x\n#2\nyz\n##\n";
+    struct Case {
+        const char* what;
+        bool chunked;
+        std::string after;
+        std::string passed;  // after the hello
+        std::string error;
+    };
+    const std::vector<Case> cases = {
+        {"chunked messages", true, chunked + " \r\n" + chunked, chunked + " \r\n" + chunked, ""},
+        {"a message cut short waits", true, "\n#5\n<a/>", "", ""},
+        {"end of chunks missing", true, "\n#5\n<a/>x", "", ""},
+        {"end-of-message framing", false, "<rpc/>]]>]]><rpc/>]]", "<rpc/>]]>]]>", ""},
+        {"non-numeric size", true, "\n#abc\n", "", "invalid chunk size"},
+        {"size with a leading zero", true, "\n#05\n", "", "invalid chunk size"},
+        {"size 0", true, "\n#0\n", "", "invalid chunk size"},
+        {"size above 4294967295", true, "\n#4294967296\n", "", "chunk size above 4294967295"},
+        {"size of 20 digits", true, "\n#18446744073709551615\n", "", "chunk size above 4294967295"},
+        {"end of chunks first", true, "\n##\n", "", "end of chunks before any chunk"},
+        {"chunk longer than its size", true, "\n#2\nabc\n##\n", "", "a chunk is longer than its size"},
+        {"bytes between messages", true, chunked + "x\n#1\na\n##\n", chunked, "bytes outside a chunk"},
+        {"hash without a line feed", true, " #1\na\n##\n", "", "bytes outside a chunk"},
+        {"end marker broken", true, "\n#1\na\n##x", "", "invalid end of chunks"},
+        {"message above the limit", true, "\n#999\n", "", "a message is larger than 1000 bytes"},
+        {"end-of-message message above the limit", false, std::string(1001, 'x'), "",
+         "a message is larger than 1000 bytes"},
+    };
+    for (const Case& c : cases) {
+        for (const std::size_t step : {std::size_t{1}, std::size_t{3}, std::size_t{4096}}) {
+            SCOPED_TRACE(std::string(c.what) + ", pieces of " + std::to_string(step));
+            const Outcome out = run(c.after, c.chunked, step);
+            EXPECT_EQ(out.passed, std::string(kHello) + c.passed);
+            EXPECT_EQ(out.error, c.error);
+        }
+    }
+}
+
+TEST(FrameReaderTest, HoldsWhatFollowsTheHelloUntilTheFramingIsKnown) {
+    FrameReader reader;
+    EXPECT_TRUE(reader.feed(std::string(kHello) + "\n#1\na\n##\n"));
+    EXPECT_TRUE(reader.awaiting_framing());
+    EXPECT_EQ(reader.ready(), kHello);
+    reader.consume(reader.ready().size());
+    EXPECT_TRUE(reader.ready().empty());
+    EXPECT_TRUE(reader.set_framing(true));
+    EXPECT_EQ(reader.ready(), "\n#1\na\n##\n");
+
+    FrameReader base10;
+    base10.feed(std::string(kHello) + "\n#1\na\n##\n");
+    EXPECT_TRUE(base10.set_framing(false));  // one message in the making
+    EXPECT_EQ(base10.ready(), kHello);
+}
+
+}  // namespace
+}  // namespace tavrik::netconf::detail

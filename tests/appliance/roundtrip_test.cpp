@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "edit_text.hpp"
 #include "generator.hpp"
 #include "support.hpp"
 #include "tavrik/engine.hpp"
@@ -32,9 +33,10 @@ protected:
         appliance = std::make_unique<av::Appliance>();
         rt::set_platform(appliance.get());
         engine = std::make_unique<Engine>(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, "");
+        engine->set_vsys_feature(appliance.get());
     }
     tavrik::engine::EditResult replace(const std::string& config) {
-        return engine->edit(config, {DefaultOperation::Replace});
+        return tktest::edit_text(*engine, config, {DefaultOperation::Replace});
     }
     // What the module reads back from the appliance, against the engine's
     // running configuration; the differences, empty when they agree.
@@ -136,7 +138,7 @@ TEST_P(SendFaults, RefusedEditLosesNothing) {
     ASSERT_TRUE(replace(kBase).ok);
     const std::string running = engine->running_xml();
     const av::Configuration before = appliance->configuration();
-    const auto dry = engine->edit(kEdit, {DefaultOperation::Replace, false, true});
+    const auto dry = tktest::edit_text(*engine, kEdit, {DefaultOperation::Replace, false, true});
     ASSERT_TRUE(dry.ok);
     ASSERT_GE(dry.lines.size(), 4u);
 
@@ -146,7 +148,7 @@ TEST_P(SendFaults, RefusedEditLosesNothing) {
     const auto result = replace(kEdit);
     ASSERT_FALSE(result.ok);
     EXPECT_EQ(result.error->app_code, code);
-    EXPECT_EQ(result.error->tag, "operation-failed");
+    EXPECT_EQ(result.error->tag, tavrik::engine::ErrorTag::OperationFailed);
     const std::size_t refused_line = GetParam().nth == 0 ? 0 : static_cast<std::size_t>(GetParam().nth) - 1;
     EXPECT_NE(result.error->message.find("\"" + dry.lines[refused_line].line + "\""), std::string::npos)
         << result.error->message;
@@ -183,6 +185,7 @@ TEST_P(ReadFaults, OutcomeAsTheModuleDefines) {
     const auto normal_state = engine->module_state();
     ASSERT_TRUE(normal_state && !normal_state->empty());
     appliance->fault_document(config ? API_DP2QMX_GET_CONFIG : API_DP2QMX_NC_STATE, fault, 55);
+    rt::reset_journal();
     if (config) {
         const auto text = engine->module_config();
         switch (fault) {
@@ -197,7 +200,7 @@ TEST_P(ReadFaults, OutcomeAsTheModuleDefines) {
     } else {
         EXPECT_EQ(engine->module_state(), std::nullopt);
     }
-    // A reply that came is released (the engine resets the journal at each read).
+    // A reply that came is released.
     EXPECT_EQ(rt::journal().releases, fault == av::DocumentFault::NoReply ? 0 : 1);
     // Nothing lost: the next reads are whole again.
     EXPECT_EQ(appliance->configuration(), before);

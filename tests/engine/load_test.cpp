@@ -27,14 +27,24 @@ TEST(Loading, RefusesWhatTheServerCannotUse) {
     EXPECT_THAT(load_error(TAVRIK_MODULE_PATH, FAKE_MODULE_DIR), HasSubstr("no data model"));
 }
 
-TEST(Loading, InitialRunningConfigurationErrorsCarryTheLine) {
+// An unknown element is found walking the parsed tree: it is named by its
+// path; malformed text by its line.
+TEST(Loading, InitialRunningConfigurationErrorsNameThePlace) {
     try {
         Engine engine(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, av("\n" + leaf("global", "\n<age/>")));
         FAIL() << "loaded";
     } catch (const EngineError& e) {
         ASSERT_TRUE(e.detail());
-        EXPECT_EQ(e.detail()->line, 3);
-        EXPECT_EQ(e.detail()->tag, "unknown-element");
+        EXPECT_EQ(e.detail()->tag, ErrorTag::UnknownElement);
+        EXPECT_EQ(e.detail()->path, "/tavrik-antivirus:antivirus/global/age");
+        EXPECT_THAT(e.what(), HasSubstr("/global/"));
+    }
+    try {
+        Engine engine(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, av("\n" + leaf("global", "\n<age>")));
+        FAIL() << "loaded";
+    } catch (const EngineError& e) {
+        ASSERT_TRUE(e.detail());
+        EXPECT_EQ(e.detail()->tag, ErrorTag::MalformedMessage);
         EXPECT_THAT(e.what(), HasSubstr("line 3"));
     }
 }
@@ -47,6 +57,7 @@ TEST_F(Reads, ConfigurationAndStateComeFromThePlatformThroughTheModule) {
     platform.config_reply = {0, true, std::string("<antivirus xmlns=\"urn:x\"/>") + '\0'};
     platform.state_reply = {0, true, "<antivirus-state xmlns=\"urn:x\">  <vsys><name>vs1</name></vsys></antivirus-state>"};
     EXPECT_EQ(engine.module_config(), "<antivirus xmlns=\"urn:x\"/>");
+    tavrik::runtime::reset_journal();
     const auto state = engine.module_state();
     ASSERT_TRUE(state);
     EXPECT_THAT(*state, HasSubstr("<vsys>\n    <name>vs1</name>\n  </vsys>"));

@@ -49,7 +49,9 @@ void print_log(const nc_session* session, NC_VERB_LEVEL level, const char* messa
 
 // ---- schema context ---------------------------------------------------------
 
-ly_ctx* build_context(const Options& options, const std::string& model) {
+}  // namespace
+
+ly_ctx* build_context(const Options& options) {
     ly_ctx* ctx = nullptr;
     if (ly_ctx_new(options.ietf_yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
         throw ServerError("cannot create the schema context with " + options.ietf_yang_dir);
@@ -66,17 +68,14 @@ ly_ctx* build_context(const Options& options, const std::string& model) {
     load("ietf-netconf", netconf_features);
     load("ietf-netconf-monitoring", nullptr);
     load("ietf-netconf-with-defaults", nullptr);
-    if (ly_ctx_set_searchdir(ctx, options.yang_dir.c_str()) != LY_SUCCESS) {
-        ly_ctx_destroy(ctx);
-        throw ServerError("cannot read the data model directory " + options.yang_dir);
-    }
-    load(model.c_str(), nullptr);
     if (lys_parse_mem(ctx, kDaemonModuleText, LYS_IN_YANG, nullptr) != LY_SUCCESS) {
         ly_ctx_destroy(ctx);
         throw ServerError("cannot load the daemon's YANG module");
     }
     return ctx;
 }
+
+namespace {
 
 // The <hello> of libnetconf2 lists only YANG 1.0 modules (YANG 1.1 modules
 // are announced through ietf-yang-library). Clients look for the served
@@ -412,14 +411,13 @@ struct Server::Impl {
     std::unique_ptr<UnixListener> unix_listener;
 
     Impl(const Options& opts, Datastore& datastore)
-        : options(opts), host_key(opts.host_key_path()), service{datastore, nullptr, {}, {}} {}
+        : options(opts), host_key(opts.host_key_path()), service{datastore, datastore.context(), {}, {}} {}
 
     ~Impl() {
         unix_listener.reset();
         descriptors.reset();
         ssh_sessions.reset();
         if (initialised) nc_server_destroy();
-        if (service.context) ly_ctx_destroy(service.context);
     }
 
     void ssh_worker() {
@@ -488,7 +486,6 @@ Server::Server(const Options& options, Datastore& datastore) : impl_(std::make_u
     nc_verbosity(static_cast<NC_VERB_LEVEL>(std::min(options.verbosity, 3)));
     Impl& impl = *impl_;
     try {
-        impl.service.context = build_context(options, datastore.model_name());
         detail::install_operations(impl.service);
         if (nc_server_init(impl.service.context) != 0) throw ServerError("cannot initialise the NETCONF server");
         impl.initialised = true;

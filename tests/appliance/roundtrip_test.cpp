@@ -38,6 +38,31 @@ protected:
     tavrik::engine::EditResult replace(const std::string& config) {
         return tktest::edit_text(*engine, config, {DefaultOperation::Replace});
     }
+    // The same configuration reached node by node: libyang's diff of the
+    // running configuration and `config`, its operations made NETCONF
+    // operations (create, delete, merge for a changed value), applied with
+    // the default operation none.
+    tavrik::engine::EditResult edit_towards(const std::string& config) {
+        tavrik::engine::ParsedXml target = engine->parse(config);
+        if (target.error) return {false, {}, target.error, {}};
+        lyd_node* diff = nullptr;
+        if (lyd_diff_siblings(engine->running_tree(), target.tree.get(), 0, &diff) != LY_SUCCESS) return {};
+        tavrik::engine::DataTree edit(diff);
+        const lys_module* netconf = ly_ctx_get_module_implemented(engine->context(), "ietf-netconf");
+        for (lyd_node* top = diff; top; top = top->next) {
+            lyd_node* node = nullptr;
+            LYD_TREE_DFS_BEGIN(top, node) {
+                const lyd_meta* meta = lyd_find_meta(node->meta, nullptr, "yang:operation");
+                const std::string operation = meta ? lyd_get_meta_value(meta) : "";
+                while (node->meta) lyd_free_meta_single(node->meta);
+                if (operation == "create" || operation == "delete" || operation == "replace")
+                    lyd_new_meta(nullptr, node, netconf, "operation", operation == "replace" ? "merge" : operation.c_str(),
+                                 0, nullptr);
+                LYD_TREE_DFS_END(top, node);
+            }
+        }
+        return engine->edit(edit.get(), {DefaultOperation::None});
+    }
     // What the module reads back from the appliance, against the engine's
     // running configuration; the differences, empty when they agree.
     std::vector<std::string> read_back_differences() {
@@ -67,7 +92,11 @@ int from_environment(const char* name, int fallback) {
 const int kSeeds = from_environment("ROUNDTRIP_SEEDS", 16);
 const int kSteps = from_environment("ROUNDTRIP_STEPS", 40);
 
-TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
+// Each generated configuration replaces the running one whole, or is
+// reached by an edit of what differs (applied in place).
+class Generated : public WithEngine, public testing::WithParamInterface<bool> {};
+
+TEST_P(Generated, EditsReadBackAsTheRunningConfiguration) {
     int accepted = 0, refused = 0, by_appliance = 0;
     for (int seed = 1; seed <= kSeeds; ++seed) {
         start();
@@ -75,11 +104,14 @@ TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
         for (int step = 1; step <= kSteps; ++step) {
             const std::string before = engine->running_xml();
             const std::string target = generator.next();
-            const auto result = replace(target);
+            const auto result = GetParam() ? edit_towards(target) : replace(target);
             SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + "\nedit: " + target);
             if (result.ok) {
                 generator.accept();
                 ++accepted;
+                ASSERT_TRUE(av::differences(av::parse_configuration(target),
+                                            av::parse_configuration(engine->running_xml()))
+                                .empty());
             } else {
                 generator.reject();
                 ++refused;
@@ -100,6 +132,9 @@ TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
     RecordProperty("accepted", accepted);
     RecordProperty("refused", refused);
 }
+
+INSTANTIATE_TEST_SUITE_P(Appliance, Generated, testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "InPlace" : "Replaced"; });
 
 TEST_F(WithEngine, GeneratorCoversEveryConfigurationLeaf) {
     std::set<std::string> covered;

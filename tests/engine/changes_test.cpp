@@ -118,6 +118,10 @@ const EditCase kEdits[] = {
                         profile("p1", "", op("delete")))),
      {kChains, "CHAIN " + kVs1, "REM " + kVs1 + "/profiles", "REM " + kP1, "REM " + kP1 + "/name",
       "REM " + kP1 + "/description", "REM " + kP1 + "/heuristic-detect-enable"}},
+    // p2's successor when it went was p9, which went again: p2 comes back last.
+    {"RemovedBeforeOneThatWentAgain", av(vsys("vs1", profile("p1", "") + profile("p2", ""))),
+     av(vsys("vs1", profile("p9", "") + profile("p2", "", op("delete")) + profile("p9", "", op("delete")))),
+     {kChains, "CHAIN " + kVs1, "CHAIN " + kVs1 + "/profiles", "REM " + entry("p2"), "REM " + entry("p2") + "/name"}},
     {"ValueSetBackIsNoChange", p1(desc("d")), av(vsys("vs1", profile("p1", desc("e")) + profile("p1", desc("d")))),
      {}},
     {"WholeConfigurationRemoved", av(leaf("global", leaf("file-reputation-age-time", "1"))),

@@ -139,7 +139,7 @@ class Families : public EngineTest, public ::testing::WithParamInterface<Case> {
 
 TEST_P(Families, SendTheLinesOfTheChange) {
     const Case& c = GetParam();
-    Engine& engine = start(c.running);
+    start(c.running);
     const auto result = edit(c.edit);
     ASSERT_TRUE(result.ok) << result.error->message << " at " << result.error->path;
     EXPECT_EQ(brief(result.lines), c.lines);

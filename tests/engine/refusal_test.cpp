@@ -73,7 +73,7 @@ const std::string kHttp = leaf(
                   leaf("detect-configuration", leaf("direction", "both") + leaf("action", "alert")));
 
 TEST_F(Refusals, FailureWithoutErrorRecordNamesTheCallbackAndTheNode) {
-    Engine& engine = start(p1(kHttp));
+    start(p1(kHttp));
     // A direction leaf without text: its handler ends with 1 and says nothing.
     const auto result =
         edit(p1(leaf("detect", leaf("protocol-type", "http") + leaf("detect-configuration", "<direction/>"))));

@@ -79,9 +79,11 @@ bool AppliedEdit::apply_node(const lyd_node* e, lyd_node* parent, int touch, Op 
     const lysc_node* schema = schema_of(e, parent, op);
     if (!schema) return false;
     lyd_node* target = find(e, parent, schema);
+    // A non-presence container exists while something in it is configured.
+    const bool exists = target && present(target);
     switch (op) {
         case Op::Delete:
-            if (!target)
+            if (!exists)
                 return fail(error_at(e, ErrorTag::DataMissing,
                                      "Cannot delete " + quoted(LYD_NAME(e)) + ": it does not exist."));
             remove(target, touch, fresh);
@@ -90,10 +92,10 @@ bool AppliedEdit::apply_node(const lyd_node* e, lyd_node* parent, int touch, Op 
             if (target) remove(target, touch, fresh);
             return true;
         case Op::Create:
-            if (target)
+            if (exists)
                 return fail(error_at(target, ErrorTag::DataExists,
                                      "Cannot create " + quoted(LYD_NAME(e)) + ": it already exists."));
-            return create(e, parent, touch, op, fresh);
+            return target ? descend(e, target, touch, op, fresh) : create(e, parent, touch, op, fresh);
         case Op::Replace:
             if (target) remove(target, touch, fresh);
             return create(e, parent, touch, op, fresh);
@@ -467,6 +469,17 @@ bool AppliedEdit::was_present(int touch) const {
     return false;
 }
 
+// Whether something the edit reached below the node of `touch` is
+// configured before and after it (an entry it changed, which makes a
+// container present on both sides without looking at the others).
+bool AppliedEdit::stays_present(int touch) const {
+    for (int own : touches_[touch].children) {
+        const Touch& c = touches_[own];
+        if (c.alive && c.kind == Kind::Reached && !is_np_container(c.node->schema) && present(c.node)) return true;
+    }
+    return false;
+}
+
 void AppliedEdit::describe(ChangeSet& changes) {
     describe(changes, 0, -1);
     clear_tags();
@@ -506,8 +519,9 @@ void AppliedEdit::describe(ChangeSet& changes, int touch, int parent_change) {
                 changes.compare_pair(t.old, t.node, parent_change);
                 break;
             case Kind::Reached: {
-                const bool after = present(t.node);
-                const bool before = !is_np_container(t.node->schema) ? after : was_present(own);
+                const bool stays = stays_present(own);
+                const bool after = stays || present(t.node);
+                const bool before = stays || !is_np_container(t.node->schema) ? after : was_present(own);
                 if (before && !after) {
                     describe_removal(changes, own, parent_change);
                 } else if (!before && after) {

@@ -92,6 +92,7 @@ private:
     void free_node(lyd_node* node);
 
     bool was_present(int touch) const;
+    bool stays_present(int touch) const;
     void describe(ChangeSet& changes, int touch, int parent_change);
     void describe_removal(ChangeSet& changes, int touch, int parent_change);
 

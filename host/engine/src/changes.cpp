@@ -98,18 +98,24 @@ void ChangeSet::detached(const lyd_node* root, const lyd_node* parent) { detache
 
 // ---- documents ------------------------------------------------------------------
 
+// The old document is what the module reads of a removal, and of every
+// change on the way back: made when there is a removal, else by reverse().
 void ChangeSet::render() {
+    render_side(New);
+    for (const Change& change : changes_)
+        if (change.op & XMLDIFF_REM) return render_side(Old);
+}
+
+void ChangeSet::render_side(Side side) {
     for (size_t i = 0; i < changes_.size(); ++i) {
         tag(changes_[i].data[Old], i + 1);
         tag(changes_[i].data[New], i + 1);
     }
-    for (Side side : {Old, New}) {
-        xmlDoc* doc = xmlNewDoc(xml_text("1.0"));
-        doc->dict = xmlDictCreate();  // element names are shared, not copied per node
-        docs_[side].reset(doc);
-        for (size_t i = 0; i < changes_.size(); ++i)
-            if (changes_[i].data[side]) render(side, i);
-    }
+    xmlDoc* doc = xmlNewDoc(xml_text("1.0"));
+    doc->dict = xmlDictCreate();  // element names are shared, not copied per node
+    docs_[side].reset(doc);
+    for (size_t i = 0; i < changes_.size(); ++i)
+        if (changes_[i].data[side]) render(side, i);
     for (const Change& change : changes_) {
         tag(change.data[Old], 0);
         tag(change.data[New], 0);
@@ -192,6 +198,7 @@ std::string ChangeSet::path_of_node(const lyd_node* node) const {
 }
 
 void ChangeSet::reverse(const std::vector<char>& undo) {
+    if (!docs_[Old]) render_side(Old);
     // The chain changes above whatever is undone run again too, whether or
     // not they ran before the refusal: an entry that states all its leaves in
     // one line (a signature exception) restores them this way, where the

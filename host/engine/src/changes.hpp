@@ -66,6 +66,8 @@ public:
     // `root` was detached from `parent` (null: the top level) by the edit;
     // its nodes' paths are below that parent.
     void detached(const lyd_node* root, const lyd_node* parent);
+    // Makes the documents (the old one only when a removal needs it; the
+    // way back makes it then).
     void render();
 
     // ---- using ----
@@ -88,6 +90,7 @@ public:
     void reverse(const std::vector<char>& undo);
 
 private:
+    void render_side(Side side);
     void render(Side side, size_t index);
     xmlNode* element(Side side, const lyd_node* node, const char* value, xmlNode* parent);
 

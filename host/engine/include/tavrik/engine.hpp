@@ -138,7 +138,7 @@ struct EditOptions {
     // Run every callback with the recording channel and return the lines it
     // would send; nothing is delivered and the running configuration stays.
     bool dry_run = false;
-    ChangeCheck check;  // optional
+    ChangeCheck check = {};  // optional
 };
 
 struct EditResult {

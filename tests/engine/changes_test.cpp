@@ -4,23 +4,15 @@
 #include "apply.hpp"
 #include "changes.hpp"
 #include "engine_fixture.hpp"
+#include "print_tree.hpp"
 
 namespace tktest {
 namespace {
 
 using tavrik::engine::AppliedEdit;
 using tavrik::engine::ChangeSet;
-using tavrik::engine::DefaultOperation;
 using tavrik::engine::Model;
 using tavrik::engine::Tree;
-
-std::string print_all(const lyd_node* tree) {
-    char* text = nullptr;
-    lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_WD_ALL);
-    std::string out = text ? text : "";
-    std::free(text);
-    return out;
-}
 
 class Changes : public EngineTest {
 protected:

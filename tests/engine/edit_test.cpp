@@ -5,8 +5,6 @@
 namespace tktest {
 namespace {
 
-using tavrik::engine::DefaultOperation;
-using tavrik::engine::EditOptions;
 using ::testing::HasSubstr;
 
 const std::string kRunning =

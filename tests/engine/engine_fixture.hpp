@@ -17,8 +17,11 @@
 
 namespace tktest {
 
+using tavrik::engine::DefaultOperation;
+using tavrik::engine::EditOptions;
 using tavrik::engine::Engine;
 using tavrik::engine::ErrorTag;
+using tavrik::engine::RpcError;
 using tavrik::engine::SentLine;
 
 inline constexpr const char* kNetconfNs = "urn:ietf:params:xml:ns:netconf:base:1.0";

@@ -8,25 +8,15 @@
 
 #include "engine_fixture.hpp"
 #include "model.hpp"
+#include "print_tree.hpp"
 
 namespace tktest {
 namespace {
 
 using tavrik::engine::ChangeKind;
 using tavrik::engine::ChangeView;
-using tavrik::engine::DefaultOperation;
-using tavrik::engine::EditOptions;
-using tavrik::engine::RpcError;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-
-std::string print_all(const lyd_node* tree) {
-    char* text = nullptr;
-    lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_WD_ALL);
-    std::string out = text ? text : "";
-    std::free(text);
-    return out;
-}
 
 std::string desc(const std::string& text) { return leaf("description", text); }
 std::string ids(std::initializer_list<const char*> values) {

@@ -5,7 +5,6 @@
 namespace tktest {
 namespace {
 
-using tavrik::engine::EditOptions;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;

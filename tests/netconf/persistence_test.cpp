@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "print_tree.hpp"
 #include "atomic_file.hpp"
 #include "snapshot.hpp"
 #include "tavrik/netconf/datastore.hpp"
@@ -116,10 +117,7 @@ std::string running_text(Datastore& store) {
     ly_ctx_new(TKAV_YANG_DIR, 0, &ctx);
     ly_ctx_load_module(ctx, "tavrik-antivirus", nullptr, nullptr);
     lyd_node* tree = store.read(ctx).running;
-    char* text = nullptr;
-    lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
-    std::string out = text ? text : "";
-    std::free(text);
+    std::string out = tktest::print_tree(tree, LYD_PRINT_SHRINK);
     lyd_free_siblings(tree);
     ly_ctx_destroy(ctx);
     return out;

@@ -18,13 +18,6 @@ void DataTreeFree::operator()(lyd_node* tree) const { lyd_free_all(tree); }
 
 namespace {
 
-std::string describe(const RpcError& error) {
-    std::string text = error.message;
-    if (!error.path.empty()) text += " (" + error.path + ")";
-    if (error.line) text += " at line " + std::to_string(error.line);
-    return text;
-}
-
 const std::string& namespace_of(const Module& module) {
     if (module.namespaces().empty()) throw EngineError("the module names no namespace");
     return module.namespaces().front().second;
@@ -34,9 +27,7 @@ std::string print(const lyd_node* tree) {
     if (!tree) return {};
     char* text = nullptr;
     lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
-    std::string result = text ? text : "";
-    std::free(text);
-    return result;
+    return take_text(text);
 }
 
 std::string in_quotes(const std::string& text) { return "\"" + text + "\""; }
@@ -364,9 +355,7 @@ std::optional<std::string> Engine::module_config() {
     char* text = impl_->module.perform_getconfig(nullptr, NC_DATASTORE_RUNNING, &error);
     runtime::take_error(error);
     if (!text) return std::nullopt;
-    std::string result = text;
-    std::free(text);
-    return result;
+    return take_text(text);
 }
 
 std::optional<std::string> Engine::module_state() {

@@ -53,11 +53,19 @@ RpcError libyang_error(const ly_ctx* ctx, ErrorTag tag, ErrorType type) {
     return error;
 }
 
-std::string path_of(const lyd_node* node) {
-    char* path = lyd_path(node, LYD_PATH_STD, nullptr, 0);
-    std::string result = path ? path : "";
-    std::free(path);
+std::string take_text(char* text) {
+    std::string result = text ? text : "";
+    std::free(text);
     return result;
+}
+
+std::string path_of(const lyd_node* node) { return take_text(lyd_path(node, LYD_PATH_STD, nullptr, 0)); }
+
+std::string describe(const RpcError& error) {
+    std::string text = error.message;
+    if (!error.path.empty()) text += " (" + error.path + ")";
+    if (error.line) text += " at line " + std::to_string(error.line);
+    return text;
 }
 
 RpcError error_at(const lyd_node* node, ErrorTag tag, std::string message, ErrorType type) {

@@ -5,13 +5,6 @@
 namespace tavrik::engine {
 namespace {
 
-std::string describe(const RpcError& error) {
-    std::string text = error.message;
-    if (!error.path.empty()) text += " (" + error.path + ")";
-    if (error.line) text += " at line " + std::to_string(error.line);
-    return text;
-}
-
 // Parses every model of `yang_dir` into `ctx` (those already there stay).
 void load_directory(ly_ctx* ctx, const std::string& yang_dir) {
     std::error_code ec;
@@ -34,12 +27,7 @@ bool references(const lysc_type* type) {
     return false;
 }
 
-std::string schema_path(const lysc_node* node) {
-    char* path = lysc_path(node, LYSC_PATH_DATA, nullptr, 0);
-    std::string result = path ? path : "";
-    std::free(path);
-    return result;
-}
+std::string schema_path(const lysc_node* node) { return take_text(lysc_path(node, LYSC_PATH_DATA, nullptr, 0)); }
 
 void scan(const lysc_node* first, std::vector<std::string>& found) {
     for (const lysc_node* node = first; node; node = node->next) {

@@ -38,8 +38,14 @@ inline std::string text_of(const xmlChar* text) { return text ? reinterpret_cast
 // and the line libyang reports go to path and line.
 RpcError libyang_error(const ly_ctx* ctx, ErrorTag tag, ErrorType type = ErrorType::Application);
 
+// A text libyang allocated, freed.
+std::string take_text(char* text);
+
 // The instance path of a node (libyang's notation, with keys).
 std::string path_of(const lyd_node* node);
+
+// The error in one line, for exceptions: message (path) at line N.
+std::string describe(const RpcError& error);
 
 // An rpc-error about `node`: its instance path and name.
 RpcError error_at(const lyd_node* node, ErrorTag tag, std::string message, ErrorType type = ErrorType::Application);

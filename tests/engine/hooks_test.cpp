@@ -224,6 +224,8 @@ TEST_F(Hooks, AModelWithAConstraintAcrossEntriesIsValidatedWhole) {
     const auto refused = engine.edit(both.tree.get());
     ASSERT_FALSE(refused.ok);
     EXPECT_EQ(refused.error->tag, ErrorTag::InvalidValue);
+    EXPECT_EQ(refused.error->path, "/tavrik-antivirus:antivirus/global");
+    EXPECT_EQ(refused.error->bad_element, "global");
     EXPECT_EQ(engine.running_xml(), before);
     auto one = engine.parse(av(leaf("global", leaf("file-reputation-age-time", "", op("delete")) +
                                                   leaf("file-reputation-age-time-hour", "5"))));

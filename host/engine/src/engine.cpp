@@ -168,7 +168,11 @@ std::optional<RpcError> Engine::Impl::validate_whole(Tree& tree) const {
     const LY_ERR err = lyd_validate_all(&first, model.context(), LYD_VALIDATE_NO_STATE, nullptr);
     tree.reset(first);
     if (err == LY_SUCCESS) return std::nullopt;
-    return libyang_error(model.context(), ErrorTag::InvalidValue);
+    RpcError error = libyang_error(model.context(), ErrorTag::InvalidValue);
+    lyd_node* node = nullptr;
+    if (!error.path.empty() && lyd_find_path(tree.get(), error.path.c_str(), 0, &node) == LY_SUCCESS)
+        error.bad_element = LYD_NAME(node);
+    return error;
 }
 
 EditResult Engine::Impl::commit(Tree config, const EditOptions& options) {

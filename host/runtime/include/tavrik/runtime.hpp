@@ -116,7 +116,7 @@ RecordingPlatform& default_platform();
 
 enum class Delivery {
     Deliver,     // type-1 sends reach the platform
-    RecordOnly,  // type-1 sends are journaled and answered 0; nothing delivered
+    RecordOnly,  // type-1 sends are recorded (call record, journal) and answered 0; nothing delivered
 };
 void set_delivery(Delivery mode);
 Delivery delivery();

@@ -1,5 +1,6 @@
 // Fuzz target: the engine applying fuzzed edit-config documents to a fixed
-// running configuration, through the real module and data model. Every edit
+// running configuration, through the real module and data model. The text is
+// read as the server reads <config> (libyang), then applied. Every edit
 // is all-or-nothing: one that fails, a dry run and a test-only edit leave the
 // running configuration as it was. One that succeeds is taken back by making
 // the fixed configuration the running one again, so that every input starts
@@ -105,7 +106,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         rt::default_platform().next_results.push_back(9);
     }
 
-    auto result = f.engine().edit(payload, options);
+    const tavrik::engine::ParsedXml parsed = f.engine().parse(payload);
+    if (parsed.error) {
+        TKFUZZ_CHECK(!parsed.tree);
+        rt::reset();
+        return 0;
+    }
+    auto result = f.engine().edit(parsed.tree.get(), options);
     TKFUZZ_CHECK(result.ok != result.error.has_value());
     if (!result.ok || options.dry_run || options.test_only)
         TKFUZZ_CHECK(f.engine().running_xml() == f.runningXml());

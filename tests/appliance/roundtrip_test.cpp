@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "edit_text.hpp"
 #include "generator.hpp"
 #include "support.hpp"
 #include "tavrik/engine.hpp"
@@ -32,9 +33,35 @@ protected:
         appliance = std::make_unique<av::Appliance>();
         rt::set_platform(appliance.get());
         engine = std::make_unique<Engine>(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, "");
+        engine->set_vsys_feature(appliance.get());
     }
     tavrik::engine::EditResult replace(const std::string& config) {
-        return engine->edit(config, {DefaultOperation::Replace});
+        return tktest::edit_text(*engine, config, {DefaultOperation::Replace});
+    }
+    // The same configuration reached node by node: libyang's diff of the
+    // running configuration and `config`, its operations made NETCONF
+    // operations (create, delete, merge for a changed value), applied with
+    // the default operation none.
+    tavrik::engine::EditResult edit_towards(const std::string& config) {
+        tavrik::engine::ParsedXml target = engine->parse(config);
+        if (target.error) return {false, {}, target.error, {}};
+        lyd_node* diff = nullptr;
+        if (lyd_diff_siblings(engine->running_tree(), target.tree.get(), 0, &diff) != LY_SUCCESS) return {};
+        tavrik::engine::DataTree edit(diff);
+        const lys_module* netconf = ly_ctx_get_module_implemented(engine->context(), "ietf-netconf");
+        for (lyd_node* top = diff; top; top = top->next) {
+            lyd_node* node = nullptr;
+            LYD_TREE_DFS_BEGIN(top, node) {
+                const lyd_meta* meta = lyd_find_meta(node->meta, nullptr, "yang:operation");
+                const std::string operation = meta ? lyd_get_meta_value(meta) : "";
+                while (node->meta) lyd_free_meta_single(node->meta);
+                if (operation == "create" || operation == "delete" || operation == "replace")
+                    lyd_new_meta(nullptr, node, netconf, "operation", operation == "replace" ? "merge" : operation.c_str(),
+                                 0, nullptr);
+                LYD_TREE_DFS_END(top, node);
+            }
+        }
+        return engine->edit(edit.get(), {DefaultOperation::None});
     }
     // What the module reads back from the appliance, against the engine's
     // running configuration; the differences, empty when they agree.
@@ -65,7 +92,11 @@ int from_environment(const char* name, int fallback) {
 const int kSeeds = from_environment("ROUNDTRIP_SEEDS", 16);
 const int kSteps = from_environment("ROUNDTRIP_STEPS", 40);
 
-TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
+// Each generated configuration replaces the running one whole, or is
+// reached by an edit of what differs (applied in place).
+class Generated : public WithEngine, public testing::WithParamInterface<bool> {};
+
+TEST_P(Generated, EditsReadBackAsTheRunningConfiguration) {
     int accepted = 0, refused = 0, by_appliance = 0;
     for (int seed = 1; seed <= kSeeds; ++seed) {
         start();
@@ -73,11 +104,14 @@ TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
         for (int step = 1; step <= kSteps; ++step) {
             const std::string before = engine->running_xml();
             const std::string target = generator.next();
-            const auto result = replace(target);
+            const auto result = GetParam() ? edit_towards(target) : replace(target);
             SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + "\nedit: " + target);
             if (result.ok) {
                 generator.accept();
                 ++accepted;
+                ASSERT_TRUE(av::differences(av::parse_configuration(target),
+                                            av::parse_configuration(engine->running_xml()))
+                                .empty());
             } else {
                 generator.reject();
                 ++refused;
@@ -98,6 +132,9 @@ TEST_F(WithEngine, GeneratedEditsReadBackAsTheRunningConfiguration) {
     RecordProperty("accepted", accepted);
     RecordProperty("refused", refused);
 }
+
+INSTANTIATE_TEST_SUITE_P(Appliance, Generated, testing::Values(false, true),
+                         [](const auto& info) { return info.param ? "InPlace" : "Replaced"; });
 
 TEST_F(WithEngine, GeneratorCoversEveryConfigurationLeaf) {
     std::set<std::string> covered;
@@ -136,7 +173,7 @@ TEST_P(SendFaults, RefusedEditLosesNothing) {
     ASSERT_TRUE(replace(kBase).ok);
     const std::string running = engine->running_xml();
     const av::Configuration before = appliance->configuration();
-    const auto dry = engine->edit(kEdit, {DefaultOperation::Replace, false, true});
+    const auto dry = tktest::edit_text(*engine, kEdit, {DefaultOperation::Replace, false, true});
     ASSERT_TRUE(dry.ok);
     ASSERT_GE(dry.lines.size(), 4u);
 
@@ -146,7 +183,7 @@ TEST_P(SendFaults, RefusedEditLosesNothing) {
     const auto result = replace(kEdit);
     ASSERT_FALSE(result.ok);
     EXPECT_EQ(result.error->app_code, code);
-    EXPECT_EQ(result.error->tag, "operation-failed");
+    EXPECT_EQ(result.error->tag, tavrik::engine::ErrorTag::OperationFailed);
     const std::size_t refused_line = GetParam().nth == 0 ? 0 : static_cast<std::size_t>(GetParam().nth) - 1;
     EXPECT_NE(result.error->message.find("\"" + dry.lines[refused_line].line + "\""), std::string::npos)
         << result.error->message;
@@ -183,6 +220,7 @@ TEST_P(ReadFaults, OutcomeAsTheModuleDefines) {
     const auto normal_state = engine->module_state();
     ASSERT_TRUE(normal_state && !normal_state->empty());
     appliance->fault_document(config ? API_DP2QMX_GET_CONFIG : API_DP2QMX_NC_STATE, fault, 55);
+    rt::reset_journal();
     if (config) {
         const auto text = engine->module_config();
         switch (fault) {
@@ -197,7 +235,7 @@ TEST_P(ReadFaults, OutcomeAsTheModuleDefines) {
     } else {
         EXPECT_EQ(engine->module_state(), std::nullopt);
     }
-    // A reply that came is released (the engine resets the journal at each read).
+    // A reply that came is released.
     EXPECT_EQ(rt::journal().releases, fault == av::DocumentFault::NoReply ? 0 : 1);
     // Nothing lost: the next reads are whole again.
     EXPECT_EQ(appliance->configuration(), before);

@@ -117,10 +117,12 @@ TEST_F(Cli, RefusedEditPrintsTheErrorAndChangesNothing) {
     const Outcome run = tkav(apply(example("09-refused.xml")));
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.err, HasSubstr("09-refused.xml: The profile description has '?'.\n"
-                                   "  error-tag:  bad-element\n"
-                                   "  error-path: /tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/"
+                                   "  error-tag:   bad-element\n"
+                                   "  error-path:  /tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/"
+                                   "profile[name='p1']/description\n"
+                                   "  module-path: /tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/"
                                    "tk-antivirus:profile/description\n"
-                                   "  code:       9\n"));
+                                   "  code:        9\n"));
     EXPECT_EQ(run.out, "");
     EXPECT_EQ(slurp(running_), before);
 }
@@ -130,10 +132,12 @@ TEST_F(Cli, RefusalByTheApplianceIsReportedWithItsCode) {
     const Outcome run = tkav(apply(edit.string()));
     EXPECT_EQ(run.status, 1);
     EXPECT_THAT(run.err, HasSubstr("The platform refused the line \"exception application name nosuchapp\""));
-    EXPECT_THAT(run.err, HasSubstr("code:       704"));
+    EXPECT_THAT(run.err, HasSubstr("code:        704"));
 }
 
-TEST_F(Cli, BadFilesGetTheirLine) {
+// Malformed text is named by its line; what the model refuses in well-formed
+// text by its path.
+TEST_F(Cli, BadFilesGetTheirLineOrPath) {
     const fs::path edit = write("edit.xml", av("\n<vsys>\n<name>vs1</nam>\n</vsys>"));
     Outcome run = tkav(apply(edit.string()));
     EXPECT_EQ(run.status, 1);
@@ -142,7 +146,9 @@ TEST_F(Cli, BadFilesGetTheirLine) {
     write("running.xml", av("\n" + leaf("global", leaf("file-reputation-age-time", "many"))));
     run = tkav(apply(example("02-vsys-enable.xml")));
     EXPECT_EQ(run.status, 3);
-    EXPECT_THAT(run.err, HasSubstr("running.xml:2: Invalid type uint32 value \"many\"."));
+    EXPECT_THAT(run.err, HasSubstr("running.xml: Invalid type uint32 value \"many\".\n"
+                                   "  error-tag:   invalid-value\n"
+                                   "  error-path:  /tavrik-antivirus:antivirus/global/file-reputation-age-time\n"));
 
     run = tkav(apply((dir_ / "missing.xml").string()));
     EXPECT_EQ(run.status, 3);

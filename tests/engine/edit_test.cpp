@@ -5,8 +5,6 @@
 namespace tktest {
 namespace {
 
-using tavrik::engine::DefaultOperation;
-using tavrik::engine::EditOptions;
 using ::testing::HasSubstr;
 
 const std::string kRunning =
@@ -54,7 +52,7 @@ TEST_P(Operations, ChangeTheRunningConfiguration) {
     Engine& engine = start(kRunning);
     EditOptions options;
     options.default_operation = a.default_operation;
-    const auto result = engine.edit(a.edit, options);
+    const auto result = edit(a.edit, options);
     ASSERT_TRUE(result.ok) << result.error->message;
     const std::string running = engine.running_xml();
     for (const std::string& fragment : a.present) EXPECT_THAT(running, HasSubstr(fragment));
@@ -64,35 +62,46 @@ TEST_P(Operations, ChangeTheRunningConfiguration) {
 INSTANTIATE_TEST_SUITE_P(Engine, Operations, ::testing::ValuesIn(kApplied),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// Errors of the text libyang reads carry its line; errors found walking the
+// parsed tree carry the node's instance path.
 struct Refused {
     const char* name;
     std::string edit;
-    std::string tag;
+    ErrorTag tag;
     std::string message;  // a part of the message
     int line;
+    std::string path;
 };
 std::ostream& operator<<(std::ostream& out, const Refused& r) { return out << r.name; }
 
+const std::string kVs1 = "/tavrik-antivirus:antivirus/vsys[name='vs1']";
+
 const Refused kRefused[] = {
-    {"CreateOfAnExistingEntry", av(vsys("vs1", profile("p1", "", op("create")))), "data-exists",
-     "already exists", 1},
-    {"DeleteOfAMissingEntry", av(vsys("vs1", profile("p7", "", op("delete")))), "data-missing", "does not exist",
-     1},
+    {"CreateOfAnExistingEntry", av(vsys("vs1", profile("p1", "", op("create")))), ErrorTag::DataExists,
+     "already exists", 0, kVs1 + "/profiles/profile[name='p1']"},
+    {"DeleteOfAMissingEntry", av(vsys("vs1", profile("p7", "", op("delete")))), ErrorTag::DataMissing,
+     "does not exist", 0, kVs1 + "/profiles/profile[name='p7']"},
     {"MalformedXml", "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\">\n<vsys>\n</antivirus>",
-     "malformed-message", "Malformed XML", 3},
-    {"UnknownElement", av("\n\n" + vsys("vs1", "\n<colour>red</colour>")), "unknown-element",
-     "Unknown element \"colour\" in \"vsys\"", 4},
-    {"ForeignNamespace", "<antivirus xmlns=\"urn:example\"/>", "unknown-element", "not in the namespace", 1},
-    {"StateData", "<antivirus-state xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"/>", "invalid-value",
-     "state data", 1},
+     ErrorTag::MalformedMessage, "Malformed XML", 3, "/tavrik-antivirus:antivirus"},
+    {"UnknownElement", av("\n\n" + vsys("vs1", "\n<colour>red</colour>")), ErrorTag::UnknownElement,
+     "Unknown element \"colour\" in \"vsys\"", 0, kVs1 + "/colour"},
+    {"ForeignNamespace", "<antivirus xmlns=\"urn:example\"/>", ErrorTag::UnknownElement, "not in the namespace", 0,
+     "/antivirus"},
+    {"StateData", "<antivirus-state xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"/>",
+     ErrorTag::InvalidValue, "state data", 0, "/tavrik-antivirus:antivirus-state"},
     {"ValueOutOfRange", av("\n" + leaf("global", "\n" + leaf("file-reputation-age-time", "178956971"))),
-     "invalid-value", "178956971", 3},
-    {"VsysNameTooLong", av(vsys(std::string(32, 'v'), "")), "invalid-value", "length", 1},
+     ErrorTag::InvalidValue, "178956971", 0,
+     "/tavrik-antivirus:antivirus/global/file-reputation-age-time"},
+    {"VsysNameTooLong", av(vsys(std::string(32, 'v'), "")), ErrorTag::InvalidValue, "length", 0,
+     "/tavrik-antivirus:antivirus/vsys/name"},
     {"MissingKey", av(vsys("vs1", "\n" + leaf("profiles", leaf("profile", leaf("description", "x"))))),
-     "missing-element", "has no key \"name\"", 2},
-    {"UnknownOperation", av(vsys("vs1", "", op("rename"))), "bad-attribute", "Unknown operation \"rename\"", 1},
-    {"TextWhereElementsBelong", av("words"), "bad-element", "Unexpected text", 1},
-    {"ElementsInALeaf", p1(leaf("description", "<b>bold</b>")), "bad-element", "holds a value", 1},
+     ErrorTag::MissingElement, "has no key \"name\"", 0, kVs1 + "/profiles/profile"},
+    {"UnknownOperation", av(vsys("vs1", "", op("rename"))), ErrorTag::BadAttribute, "\"rename\"", 1,
+     "/tavrik-antivirus:antivirus"},
+    {"TextWhereElementsBelong", av("words"), ErrorTag::BadElement, "Unexpected text", 0,
+     "/tavrik-antivirus:antivirus"},
+    {"ElementsInALeaf", p1(leaf("description", "<b>bold</b>")), ErrorTag::MalformedMessage, "inside a terminal node",
+     1, kVs1 + "/profiles/profile[name='p1']/description"},
 };
 
 class BadInput : public EngineTest, public ::testing::WithParamInterface<Refused> {};
@@ -101,11 +110,12 @@ TEST_P(BadInput, IsRefusedWithItsLineAndChangesNothing) {
     const Refused& r = GetParam();
     Engine& engine = start(kRunning);
     const std::string before = engine.running_xml();
-    const auto result = engine.edit(r.edit);
+    const auto result = edit(r.edit);
     ASSERT_FALSE(result.ok);
     EXPECT_EQ(result.error->tag, r.tag);
     EXPECT_THAT(result.error->message, HasSubstr(r.message));
     EXPECT_EQ(result.error->line, r.line);
+    EXPECT_EQ(result.error->path, r.path);
     EXPECT_EQ(engine.running_xml(), before);
     EXPECT_TRUE(tavrik::runtime::journal().cached.empty());  // the module was not asked
 }
@@ -116,20 +126,22 @@ INSTANTIATE_TEST_SUITE_P(Engine, BadInput, ::testing::ValuesIn(kRefused),
 TEST_F(EngineTest, EmptyEditChangesNothing) {
     Engine& engine = start(kRunning);
     const std::string before = engine.running_xml();
-    for (const char* edit : {"", "  \n", "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>"}) {
-        const auto result = engine.edit(edit);
-        EXPECT_TRUE(result.ok) << edit;
+    for (const char* text : {"", "  \n", "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>"}) {
+        const auto result = edit(text);
+        EXPECT_TRUE(result.ok) << text;
         EXPECT_TRUE(result.lines.empty());
     }
+    EXPECT_TRUE(engine.edit(nullptr).ok);
     EXPECT_EQ(engine.running_xml(), before);
 }
 
-TEST_F(EngineTest, ValidateReportsTheLineOfABadValue) {
+TEST_F(EngineTest, ValidateReportsABadValue) {
     Engine& engine = start();
     EXPECT_FALSE(engine.validate(kRunning));
     const auto error = engine.validate(av("\n" + vsys(std::string(40, 'x'), "")));
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->line, 2);
+    EXPECT_EQ(error->tag, ErrorTag::InvalidValue);
+    EXPECT_THAT(error->message, HasSubstr("length"));
     EXPECT_EQ(engine.running_xml(), "");
 }
 

@@ -20,7 +20,7 @@ const std::string kNewProfile =
 
 TEST_F(EndToEnd, ProfileDescriptionAndDetectionInPriorityOrder) {
     Engine& engine = start();
-    const auto result = engine.edit(kNewProfile);
+    const auto result = edit(kNewProfile);
     ASSERT_TRUE(result.ok) << result.error->message;
     // The profile (priority 6) comes before its settings (priority 3); the
     // detect-configuration container and its two leaves are each reported
@@ -41,7 +41,7 @@ TEST_F(EndToEnd, ProfileDescriptionAndDetectionInPriorityOrder) {
 
 TEST_F(EndToEnd, RemovingOneProfileSendsOnlyItsUndoLine) {
     Engine& engine = start(kNewProfile);
-    const auto result = engine.edit(av(vsys("vs1", profile("p1", "", op("delete")))));
+    const auto result = edit(av(vsys("vs1", profile("p1", "", op("delete")))));
     ASSERT_TRUE(result.ok) << result.error->message;
     EXPECT_THAT(delivered(), ElementsAre("vs1/system del: undo profile type av name p1"));
     EXPECT_EQ(engine.running_xml().find("p1"), std::string::npos);
@@ -50,7 +50,7 @@ TEST_F(EndToEnd, RemovingOneProfileSendsOnlyItsUndoLine) {
 TEST_F(EndToEnd, RemovingTheVsysSendsNothingForItsProfiles) {
     Engine& engine = start(av(vsys("vs1", leaf("antivirus-enable", "true") +
                                             profile("p1", leaf("description", "x")) + profile("p2", ""))));
-    const auto result = engine.edit(av(leaf("vsys", leaf("name", "vs1"), op("delete"))));
+    const auto result = edit(av(leaf("vsys", leaf("name", "vs1"), op("delete"))));
     ASSERT_TRUE(result.ok) << result.error->message;
     EXPECT_TRUE(result.lines.empty());
     EXPECT_TRUE(delivered().empty());
@@ -64,7 +64,7 @@ protected:
     void SetUp() override {
         ApplianceTest::SetUp();
         start_with_appliance("");
-        const auto created = engine().edit(av(kVs1 + kVs2 + leaf("global", leaf("file-reputation-age-time-hour", "12"))));
+        const auto created = edit(av(kVs1 + kVs2 + leaf("global", leaf("file-reputation-age-time-hour", "12"))));
         ASSERT_TRUE(created.ok) << created.error->message;
         ASSERT_TRUE(appliance.configuration().vsys.contains("vs1"));
         before_ = appliance.configuration();
@@ -84,7 +84,7 @@ private:
 
 TEST_F(VsysRemoval, TakesEverythingOfTheVsysFromTheAppliance) {
     appliance.set_references("vs1", "p1", 2);
-    const auto removed = engine().edit(av(kRemoveVs1));
+    const auto removed = edit(av(kRemoveVs1));
     ASSERT_TRUE(removed.ok) << removed.error->message;
     EXPECT_TRUE(removed.lines.empty());  // the module sends nothing for it
     EXPECT_FALSE(appliance.configuration().vsys.contains("vs1"));
@@ -95,7 +95,7 @@ TEST_F(VsysRemoval, TakesEverythingOfTheVsysFromTheAppliance) {
 
     // Created again, the vsys starts from nothing: no description, no
     // switch, no exception left over from before.
-    const auto again = engine().edit(av(vsys("vs1", profile("p1", leaf("collect-attack-evidence-enable", "true")))));
+    const auto again = edit(av(vsys("vs1", profile("p1", leaf("collect-attack-evidence-enable", "true")))));
     ASSERT_TRUE(again.ok) << again.error->message;
     EXPECT_THAT(brief(again.lines), Contains("vs1/system add: profile type av name p1"));
     EXPECT_THAT(appliance_differences(), IsEmpty());
@@ -112,7 +112,7 @@ TEST_F(VsysRemoval, TakesEverythingOfTheVsysFromTheAppliance) {
 }
 
 TEST_F(VsysRemoval, RemovingTheWholeConfigurationRemovesEveryVsys) {
-    const auto removed = engine().edit(std::string("<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\" "
+    const auto removed = edit(std::string("<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\" "
                                                    "xmlns:nc=\"") + kNetconfNs + "\" " + op("delete") + "/>");
     ASSERT_TRUE(removed.ok) << removed.error->message;
     EXPECT_EQ(engine().running_xml(), "");
@@ -121,7 +121,7 @@ TEST_F(VsysRemoval, RemovingTheWholeConfigurationRemovesEveryVsys) {
 }
 
 TEST_F(VsysRemoval, DryRunDropsNothing) {
-    const auto dry = engine().edit(av(kRemoveVs1), {.dry_run = true});
+    const auto dry = edit(av(kRemoveVs1), {.dry_run = true});
     ASSERT_TRUE(dry.ok);
     EXPECT_EQ(appliance.configuration(), before());
 }
@@ -132,18 +132,18 @@ struct RefusedRemoval {
     const char* name;
     std::string vs2;         // the rest of the edit
     bool removal_refused;    // the appliance refuses to remove the vsys
-    std::string tag;
+    ErrorTag tag;
     int code;
     std::string message;
 };
 std::ostream& operator<<(std::ostream& out, const RefusedRemoval& r) { return out << r.name; }
 
 const RefusedRemoval kRefusedRemovals[] = {
-    {"ByTheModule", profile("p2", leaf("description", "why?")), false, "bad-element", 9,
+    {"ByTheModule", profile("p2", leaf("description", "why?")), false, ErrorTag::BadElement, 9,
      "The profile description has '?'."},
     {"ByTheApplianceForALine", profile("p2", leaf("whitelists", leaf("source-address", "not-an-address"))), false,
-     "operation-failed", tavrik::appliance::kValue, "\"whitelist source-address not-an-address\""},
-    {"ByTheApplianceForTheVsys", profile("p2", leaf("description", "new")), true, "operation-failed", 42,
+     ErrorTag::OperationFailed, tavrik::appliance::kValue, "\"whitelist source-address not-an-address\""},
+    {"ByTheApplianceForTheVsys", profile("p2", leaf("description", "new")), true, ErrorTag::OperationFailed, 42,
      "The platform refused to remove the vsys \"vs1\" with code 42; the configuration is unchanged."},
 };
 
@@ -153,7 +153,7 @@ TEST_P(RefusedRemovals, DropNothing) {
     const RefusedRemoval& r = GetParam();
     const std::string running = engine().running_xml();
     if (r.removal_refused) appliance.fail_vsys_removal(42);
-    const auto result = engine().edit(av(kRemoveVs1 + vsys("vs2", r.vs2)));
+    const auto result = edit(av(kRemoveVs1 + vsys("vs2", r.vs2)));
     ASSERT_FALSE(result.ok);
     EXPECT_EQ(result.error->tag, r.tag);
     EXPECT_EQ(result.error->app_code, r.code);
@@ -167,7 +167,7 @@ TEST_P(RefusedRemovals, DropNothing) {
         EXPECT_THAT(brief(result.lines), ElementsAre("vs2/profile-av-p2(profile-av) add: description new",
                                                      "vs2/profile-av-p2(profile-av) add: description kept"));
         // With the fault gone the same edit goes through.
-        EXPECT_TRUE(engine().edit(av(kRemoveVs1 + vsys("vs2", r.vs2))).ok);
+        EXPECT_TRUE(edit(av(kRemoveVs1 + vsys("vs2", r.vs2))).ok);
         EXPECT_FALSE(appliance.configuration().vsys.contains("vs1"));
         EXPECT_THAT(appliance_differences(), IsEmpty());
     }

@@ -10,13 +10,18 @@
 #include <string>
 #include <vector>
 
+#include "edit_text.hpp"
 #include "tavrik/appliance.hpp"
 #include "tavrik/engine.hpp"
 #include "tavrik/runtime.hpp"
 
 namespace tktest {
 
+using tavrik::engine::DefaultOperation;
+using tavrik::engine::EditOptions;
 using tavrik::engine::Engine;
+using tavrik::engine::ErrorTag;
+using tavrik::engine::RpcError;
 using tavrik::engine::SentLine;
 
 inline constexpr const char* kNetconfNs = "urn:ietf:params:xml:ns:netconf:base:1.0";
@@ -72,6 +77,9 @@ protected:
         return *engine_;
     }
     Engine& engine() { return *engine_; }
+    tavrik::engine::EditResult edit(const std::string& xml, const tavrik::engine::EditOptions& options = {}) {
+        return edit_text(*engine_, xml, options);
+    }
 
 private:
     std::unique_ptr<Engine> engine_;
@@ -84,7 +92,9 @@ protected:
     Engine& start_with_appliance(const std::string& running) {
         appliance = tavrik::appliance::Appliance(tavrik::appliance::parse_configuration(running));
         tavrik::runtime::set_platform(&appliance);
-        return start(running);
+        Engine& engine = start(running);
+        engine.set_vsys_feature(&appliance);
+        return engine;
     }
     // What the appliance holds against the engine's running configuration;
     // empty when they agree.

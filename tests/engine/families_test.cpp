@@ -139,8 +139,8 @@ class Families : public EngineTest, public ::testing::WithParamInterface<Case> {
 
 TEST_P(Families, SendTheLinesOfTheChange) {
     const Case& c = GetParam();
-    Engine& engine = start(c.running);
-    const auto result = engine.edit(c.edit);
+    start(c.running);
+    const auto result = edit(c.edit);
     ASSERT_TRUE(result.ok) << result.error->message << " at " << result.error->path;
     EXPECT_EQ(brief(result.lines), c.lines);
     EXPECT_EQ(delivered(), c.lines);

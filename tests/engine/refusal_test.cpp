@@ -5,7 +5,6 @@
 namespace tktest {
 namespace {
 
-using tavrik::engine::EditOptions;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
@@ -13,14 +12,16 @@ using ::testing::IsEmpty;
 class Refusals : public EngineTest {};
 
 const std::string kProfilePath = "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile";
+const std::string kP1 = "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']";
 
 struct ModuleRefusal {
     const char* name;
     std::string running;
     std::string edit;
-    std::string tag;
+    ErrorTag tag;
     std::string message;
-    std::string path;
+    std::string path;         // the changed node's
+    std::string module_path;  // the module's own
     int code;
 };
 std::ostream& operator<<(std::ostream& out, const ModuleRefusal& r) { return out << r.name; }
@@ -31,13 +32,16 @@ const ModuleRefusal kModuleRefusals[] = {
     {"InTheMiddleOfAnEdit", p1(""),
      p1(leaf("description", "fine") + leaf("collect-attack-evidence-enable", "true") +
         leaf("heuristic-detect-enable", "maybe") + leaf("exception-signature-id", "1001")),
-     "operation-failed", "Unknown input.", kProfilePath + "/heuristic-detect-enable", 1},
-    {"BadElement", p1(""), p1(leaf("description", "why?")), "bad-element", "The profile description has '?'.",
-     kProfilePath + "/description", 9},
-    {"MissingElement", "", av(vsys("public", leaf("antivirus-enable", "true"))), "missing-element",
-     "The public vsys is not support.", "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:antivirus-enable", 8},
-    {"UnknownElement", av(vsys("vs1", "")), av(vsys("vs1", profile("   ", ""))), "unknown-element",
-     "AV netconf check Node Name failed.", kProfilePath, 10},
+     ErrorTag::OperationFailed, "Unknown input.", kP1 + "/heuristic-detect-enable",
+     kProfilePath + "/heuristic-detect-enable", 1},
+    {"BadElement", p1(""), p1(leaf("description", "why?")), ErrorTag::BadElement, "The profile description has '?'.",
+     kP1 + "/description", kProfilePath + "/description", 9},
+    {"MissingElement", "", av(vsys("public", leaf("antivirus-enable", "true"))), ErrorTag::MissingElement,
+     "The public vsys is not support.", "/tavrik-antivirus:antivirus/vsys[name='public']/antivirus-enable",
+     "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:antivirus-enable", 8},
+    {"UnknownElement", av(vsys("vs1", "")), av(vsys("vs1", profile("   ", ""))), ErrorTag::UnknownElement,
+     "AV netconf check Node Name failed.", "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='   ']",
+     kProfilePath, 10},
 };
 
 class ModuleRefusals : public EngineTest, public ::testing::WithParamInterface<ModuleRefusal> {};
@@ -46,12 +50,14 @@ TEST_P(ModuleRefusals, LeaveThePlatformAndTheRunningConfigurationUntouched) {
     const ModuleRefusal& r = GetParam();
     Engine& engine = start(r.running);
     const std::string before = engine.running_xml();
-    const auto result = engine.edit(r.edit);
+    const auto result = edit(r.edit);
     ASSERT_FALSE(result.ok);
     ASSERT_TRUE(result.error);
     EXPECT_EQ(result.error->tag, r.tag);
     EXPECT_EQ(result.error->message, r.message);
     EXPECT_EQ(result.error->path, r.path);
+    EXPECT_EQ(result.error->module_path, r.module_path);
+    EXPECT_THAT(r.path, ::testing::EndsWith(result.error->bad_element + (r.code == 10 ? "[name='   ']" : "")));
     EXPECT_EQ(result.error->app_code, r.code);
     EXPECT_TRUE(result.lines.empty());
     EXPECT_TRUE(delivered().empty());
@@ -66,12 +72,12 @@ const std::string kHttp = leaf(
                   leaf("detect-configuration", leaf("direction", "both") + leaf("action", "alert")));
 
 TEST_F(Refusals, FailureWithoutErrorRecordNamesTheCallbackAndTheNode) {
-    Engine& engine = start(p1(kHttp));
+    start(p1(kHttp));
     // A direction leaf without text: its handler ends with 1 and says nothing.
     const auto result =
-        engine.edit(p1(leaf("detect", leaf("protocol-type", "http") + leaf("detect-configuration", "<direction/>"))));
+        edit(p1(leaf("detect", leaf("protocol-type", "http") + leaf("detect-configuration", "<direction/>"))));
     ASSERT_FALSE(result.ok);
-    EXPECT_EQ(result.error->tag, "operation-failed");
+    EXPECT_EQ(result.error->tag, ErrorTag::OperationFailed);
     EXPECT_EQ(result.error->app_code, 1);
     EXPECT_THAT(result.error->message, HasSubstr("callback_AV_ProfileDetectConfigDirection_ADD"));
     EXPECT_EQ(result.error->path,
@@ -85,9 +91,9 @@ TEST_F(Refusals, PlatformRefusalIsUndoneAndReported) {
     Engine& engine = start(av(vsys("vs1", "")));
     const std::string before = engine.running_xml();
     tavrik::runtime::default_platform().next_results = {0, 0, 5};
-    const auto result = engine.edit(p1(leaf("description", "d") + leaf("collect-attack-evidence-enable", "true")));
+    const auto result = edit(p1(leaf("description", "d") + leaf("collect-attack-evidence-enable", "true")));
     ASSERT_FALSE(result.ok);
-    EXPECT_EQ(result.error->tag, "operation-failed");
+    EXPECT_EQ(result.error->tag, ErrorTag::OperationFailed);
     EXPECT_EQ(result.error->app_code, 5);
     EXPECT_THAT(result.error->message, HasSubstr("\"collect-attack-evidence enable\""));
     EXPECT_THAT(result.error->message, HasSubstr("code 5"));
@@ -119,7 +125,7 @@ TEST_F(ApplianceRefusals, ApplianceIsRestoredAfterARefusedLine) {
     // Removal of p2 (64), then at 67 the aging time, then at 3 the new
     // description, the changed detection and an address the appliance
     // refuses.
-    const auto result = engine.edit(
+    const auto result = edit(
         av(vsys("vs1", profile("p2", "", op("delete")) +
                            profile("p1", leaf("description", "b") +
                                              leaf("detect", leaf("protocol-type", "http") +
@@ -157,7 +163,7 @@ TEST_P(HalfDoneSignatures, RestoreSendsTheEntrysLine) {
     const auto before = appliance.configuration();
 
     appliance.refuse_line(2);  // the description, after the leaf's removal
-    const auto result = engine.edit(
+    const auto result = edit(
         p1(leaf("description", "b") + leaf("exception-signature", leaf("id", "100") + leaf(c.removed, "", op("delete")))));
     ASSERT_FALSE(result.ok);
     EXPECT_EQ(result.error->app_code, tavrik::appliance::kInjected);
@@ -180,7 +186,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(Refusals, DryRunReturnsTheLinesAndDeliversNothing) {
     Engine& engine = start(p1(""));
     const std::string before = engine.running_xml();
-    const auto result = engine.edit(p1(leaf("description", "d")), {.dry_run = true});
+    const auto result = edit(p1(leaf("description", "d")), {.dry_run = true});
     ASSERT_TRUE(result.ok);
     EXPECT_THAT(brief(result.lines), ElementsAre("vs1/profile-av-p1(profile-av) add: description d"));
     EXPECT_TRUE(delivered().empty());
@@ -191,13 +197,13 @@ TEST_F(Refusals, TestOnlyValidatesWithoutCallingTheModule) {
     Engine& engine = start(p1(""));
     const std::string before = engine.running_xml();
     const EditOptions options{.test_only = true};
-    const auto accepted = engine.edit(p1(leaf("description", "why?")), options);
+    const auto accepted = edit(p1(leaf("description", "why?")), options);
     EXPECT_TRUE(accepted.ok);  // only the module would refuse this
     EXPECT_TRUE(accepted.lines.empty());
     EXPECT_TRUE(tavrik::runtime::journal().cached.empty());
-    const auto refused = engine.edit(av(vsys(std::string(32, 'v'), "")), options);
+    const auto refused = edit(av(vsys(std::string(32, 'v'), "")), options);
     ASSERT_FALSE(refused.ok);
-    EXPECT_EQ(refused.error->tag, "invalid-value");
+    EXPECT_EQ(refused.error->tag, ErrorTag::InvalidValue);
     EXPECT_EQ(engine.running_xml(), before);
     EXPECT_TRUE(delivered().empty());
 }

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "print_tree.hpp"
 #include "tavrik/netconf/subtree_filter.hpp"
 #include "tavrik/netconf/xpath_filter.hpp"
 
@@ -49,13 +50,7 @@ struct Trees {
     ly_ctx* bare = nullptr;
 };
 
-std::string print(const lyd_node* tree) {
-    char* text = nullptr;
-    lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
-    std::string out = text ? text : "";
-    std::free(text);
-    return out;
-}
+std::string print(const lyd_node* tree) { return tktest::print_tree(tree, LYD_PRINT_SHRINK); }
 
 struct Case {
     const char* what;

@@ -38,8 +38,7 @@ NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
 DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
 NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
-PROFILE_PATH = ("/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/"
-                "tk-antivirus:profile/")
+PROFILE_PATH = "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']/"
 
 OPTIONS = None  # set from the command line
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "print_tree.hpp"
 #include "atomic_file.hpp"
 #include "snapshot.hpp"
 #include "tavrik/netconf/datastore.hpp"
@@ -98,7 +99,14 @@ TEST_F(FileTest, MakeDirectoriesCreatesTheMissingParents) {
 class DatastoreTest : public FileTest {
 protected:
     DatastoreOptions options() const { return {TKAV_MODULE, TKAV_YANG_DIR, dir, false}; }
-    static EditRequest edit(std::string_view config) { return {config, engine::DefaultOperation::Merge, {}}; }
+    // An edit-config merging `config` (text, read by the store as the server
+    // reads <config>).
+    static std::optional<RpcError> edit(Datastore& store, std::string_view config, std::uint32_t session = 1,
+                                        TestOption test = TestOption::TestThenSet) {
+        const engine::ParsedXml parsed = store.parse(config);
+        if (parsed.error) return parsed.error;
+        return store.edit(session, {parsed.tree.get(), engine::DefaultOperation::Merge, test});
+    }
     static constexpr std::string_view kProfile =
         "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys><name>vs1</name><profiles>"
         "<profile><name>p1</name><description>kept</description></profile></profiles></vsys></antivirus>";
@@ -109,10 +117,7 @@ std::string running_text(Datastore& store) {
     ly_ctx_new(TKAV_YANG_DIR, 0, &ctx);
     ly_ctx_load_module(ctx, "tavrik-antivirus", nullptr, nullptr);
     lyd_node* tree = store.read(ctx).running;
-    char* text = nullptr;
-    lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK);
-    std::string out = text ? text : "";
-    std::free(text);
+    std::string out = tktest::print_tree(tree, LYD_PRINT_SHRINK);
     lyd_free_siblings(tree);
     ly_ctx_destroy(ctx);
     return out;
@@ -122,11 +127,11 @@ TEST_F(DatastoreTest, ACommittedEditSurvivesANewDatastore) {
     std::string running;
     {
         Datastore store(options());
-        EXPECT_EQ(store.edit(1, edit(kProfile)), std::nullopt);
+        EXPECT_EQ(edit(store, kProfile), std::nullopt);
         running = running_text(store);
         EXPECT_NE(running.find("kept"), std::string::npos);
         // Checks leave the snapshot alone.
-        EXPECT_EQ(store.edit(1, {kProfile, engine::DefaultOperation::Merge, TestOption::TestOnly}), std::nullopt);
+        EXPECT_EQ(edit(store, kProfile, 1, TestOption::TestOnly), std::nullopt);
     }
     const auto sections = SnapshotStore(dir, false).load();
     ASSERT_TRUE(sections);
@@ -141,24 +146,24 @@ TEST_F(DatastoreTest, ACommittedEditSurvivesANewDatastore) {
 
 TEST_F(DatastoreTest, ARefusedEditWritesNothing) {
     Datastore store(options());
-    ASSERT_EQ(store.edit(1, edit(kProfile)), std::nullopt);
+    ASSERT_EQ(edit(store, kProfile), std::nullopt);
     const auto before = SnapshotStore(dir, false).load();
-    const auto error = store.edit(1, edit("<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys>"
+    const auto error = edit(store, "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys>"
                                           "<name>vs1</name><profiles><profile><name>p1</name><description>?"
-                                          "</description></profile></profiles></vsys></antivirus>"));
+                                          "</description></profile></profiles></vsys></antivirus>");
     ASSERT_TRUE(error);
-    EXPECT_EQ(error->tag, "bad-element");
+    EXPECT_EQ(error->tag, engine::ErrorTag::BadElement);
     EXPECT_EQ(SnapshotStore(dir, false).load(), before);
 }
 
 TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone) {
     Datastore store(options());
-    ASSERT_EQ(store.edit(1, edit(kProfile)), std::nullopt);
+    ASSERT_EQ(edit(store, kProfile), std::nullopt);
     const std::string before = running_text(store);
     std::filesystem::create_directory(dir + "/snapshot.0");  // blocks the next commit
     std::string changed(kProfile);
     changed.replace(changed.find("kept"), 4, "lost");
-    const auto error = store.edit(1, edit(changed));
+    const auto error = edit(store, changed);
     ASSERT_TRUE(error);
     EXPECT_NE(error->message.find("could not be saved"), std::string::npos) << error->message;
     EXPECT_EQ(running_text(store), before);
@@ -177,9 +182,9 @@ TEST_F(DatastoreTest, TheLockBelongsToOneSessionUntilItEnds) {
     EXPECT_EQ(holder(), 7u);
     EXPECT_GE(store.datastores()[0].locked_since, before);
     EXPECT_EQ(store.lock(8), 7u);
-    EXPECT_EQ(store.edit(8, edit(kProfile))->tag, "in-use");
+    EXPECT_EQ(edit(store, kProfile, 8)->tag, engine::ErrorTag::InUse);
     EXPECT_FALSE(store.unlock(8));
-    EXPECT_EQ(store.edit(7, edit(kProfile)), std::nullopt);
+    EXPECT_EQ(edit(store, kProfile, 7), std::nullopt);
     store.session_ended(7);
     EXPECT_EQ(holder(), 0u);
     EXPECT_EQ(store.lock(8), 0u);

@@ -161,7 +161,7 @@ TEST_F(SessionTest, AModuleRefusalIsTheRpcErrorAndChangesNothing) {
     EXPECT_EQ(reply.error().type, "application");
     EXPECT_EQ(reply.error().message, "The profile description has '?'.");
     EXPECT_EQ(reply.error().path,
-              "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile/description");
+              "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']/description");
     EXPECT_EQ(reply.error().bad_elements, std::vector<std::string>{"description"});
 
     EXPECT_EQ(client->running(), running);

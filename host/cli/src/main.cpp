@@ -203,6 +203,9 @@ public:
     void answer_config_with(const std::string& text) {
         if (!used_) runtime::default_platform().config_reply = {0, true, text + '\0'};
     }
+    // The appliance stands in for the server's vsys feature; the recording
+    // platform keeps nothing to remove.
+    engine::VsysFeature* vsys_feature() { return used_ ? &appliance_ : nullptr; }
 
 private:
     appliance::Appliance appliance_;
@@ -231,6 +234,7 @@ int with_engine(const Options& options, bool running_may_be_missing, Work work) 
         engine::Engine engine(options.module.value_or(default_module()), options.yang.value_or(default_yang()),
                               *running_text);
         platform.answer_config_with(engine.running_xml());
+        engine.set_vsys_feature(platform.vsys_feature());
         return work(engine, running);
     } catch (const engine::EngineError& e) {
         if (!e.detail()) return fail(e.what());
@@ -248,8 +252,13 @@ int apply(const Options& options) {
     if (!edit) return fail(edit_file.string() + " does not exist");
     return with_engine(options, true, [&](engine::Engine& engine, const fs::path& running) {
         const std::string before = engine.running_xml();
-        const engine::EditResult result =
-            engine.edit(*edit, {.default_operation = options.default_operation, .dry_run = options.dry_run});
+        const engine::ParsedXml parsed = engine.parse(*edit);
+        if (parsed.error) {
+            print_error(std::cerr, edit_file.string(), *parsed.error);
+            return kRefused;
+        }
+        const engine::EditResult result = engine.edit(
+            parsed.tree.get(), {.default_operation = options.default_operation, .dry_run = options.dry_run});
         if (!result.lines.empty()) print_transcript(std::cout, result.lines);
         if (!result.ok) {
             std::cout.flush();

@@ -39,9 +39,10 @@ void print_error(std::ostream& out, const std::string& file, const engine::RpcEr
     out << file << ':';
     if (error.line) out << error.line << ':';
     out << ' ' << error.message << '\n';
-    out << "  error-tag:  " << error.tag << '\n';
-    if (!error.path.empty()) out << "  error-path: " << error.path << '\n';
-    if (error.app_code) out << "  code:       " << error.app_code << '\n';
+    out << "  error-tag:   " << engine::name_of(error.tag) << '\n';
+    if (!error.path.empty()) out << "  error-path:  " << error.path << '\n';
+    if (!error.module_path.empty()) out << "  module-path: " << error.module_path << '\n';
+    if (error.app_code) out << "  code:        " << error.app_code << '\n';
 }
 
 std::optional<std::string> read_file(const std::filesystem::path& file) {

@@ -15,8 +15,9 @@ namespace tavrik::cli {
 // The lines as an aligned table: vsys, view, template, command op, line.
 void print_transcript(std::ostream& out, const std::vector<engine::SentLine>& lines);
 
-// "FILE:LINE: message" with the tag, the path and the refusing party's code
-// on the lines below.
+// "FILE:LINE: message" (or "FILE: message" where no line is known) with the
+// tag, the instance path, the module's own path and the refusing party's
+// code on the lines below.
 void print_error(std::ostream& out, const std::string& file, const engine::RpcError& error);
 
 // The whole content of a file; nullopt when it does not exist. Throws

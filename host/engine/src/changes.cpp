@@ -1,5 +1,6 @@
 #include "changes.hpp"
 
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -7,16 +8,6 @@ namespace tavrik::engine {
 namespace {
 
 bool is_term(const lyd_node* node) { return node->schema->nodetype & LYD_NODE_TERM; }
-
-// Whether a node is configured: not an implicit default, and a non-presence
-// container only while something in it is configured.
-bool present(const lyd_node* node) {
-    if (node->flags & LYD_DEFAULT) return false;
-    if (node->schema->nodetype != LYS_CONTAINER || (node->schema->flags & LYS_PRESENCE)) return true;
-    for (const lyd_node* child = lyd_child(node); child; child = child->next)
-        if (present(child)) return true;
-    return false;
-}
 
 // The instance of `node` among `siblings` (another tree), if configured:
 // list entries and leaf-list values by their identity, anything else by its
@@ -30,34 +21,29 @@ const lyd_node* counterpart(const lyd_node* siblings, const lyd_node* node) {
     return found == LY_SUCCESS && present(match) ? match : nullptr;
 }
 
-bool same_value(const lyd_node* a, const lyd_node* b) {
-    const char* x = lyd_get_value(a);
-    const char* y = lyd_get_value(b);
-    return x == y || (x && y && std::strcmp(x, y) == 0);  // values live in the context's dictionary
-}
+bool same_value(const char* x, const char* y) { return x == y || (x && y && std::strcmp(x, y) == 0); }
 
-// Changes are found again while rendering through the nodes' user pointer:
+// Changed nodes are found again while rendering through their user pointer:
 // index + 1, 0 for an unchanged node.
 void tag(const lyd_node* node, size_t value) {
     if (node) const_cast<lyd_node*>(node)->priv = reinterpret_cast<void*>(value);
 }
-size_t tag_of(const lyd_node* node) { return reinterpret_cast<size_t>(node->priv); }
+bool tagged(const lyd_node* node) { return node->priv != nullptr; }
 
 const xmlChar* xml_text(const char* text) { return reinterpret_cast<const xmlChar*>(text); }
 
+// Elements carry their node's position among its siblings, so that each
+// goes to its place in document order.
+int order_of(const xmlNode* element) { return static_cast<int>(reinterpret_cast<std::intptr_t>(element->_private)); }
+
 }  // namespace
 
-ChangeSet::ChangeSet(const lyd_node* old_tree, const lyd_node* new_tree) {
+ChangeSet::ChangeSet(const Model& model, const lyd_node* old_tree, const lyd_node* new_tree) : model_(model) {
     compare(old_tree, new_tree, -1);
-    render(Old, old_tree);
-    render(New, new_tree);
-    for (const Change& change : changes_) {
-        tag(change.data[Old], 0);
-        tag(change.data[New], 0);
-    }
+    render();
 }
 
-int ChangeSet::add(int op, int parent, const lyd_node* old_node, const lyd_node* new_node) {
+int ChangeSet::add(int op, int parent, const lyd_node* old_node, const lyd_node* new_node, const char* old_value) {
     const int index = static_cast<int>(changes_.size());
     Change& change = changes_.emplace_back();
     change.op = op;
@@ -65,32 +51,12 @@ int ChangeSet::add(int op, int parent, const lyd_node* old_node, const lyd_node*
     change.schema = (new_node ? new_node : old_node)->schema;
     change.data[Old] = old_node;
     change.data[New] = new_node;
-    tag(old_node, index + 1);
-    tag(new_node, index + 1);
+    change.old_value = old_value;
     return index;
 }
 
-void ChangeSet::compare(const lyd_node* old_first, const lyd_node* new_first, int parent) {
-    for (const lyd_node* node = new_first; node; node = node->next) {
-        if (!present(node)) continue;
-        const lyd_node* old_node = counterpart(old_first, node);
-        if (!old_node) {
-            subtree(node, New, XMLDIFF_ADD, parent);
-        } else if (is_term(node)) {
-            if (node->schema->nodetype == LYS_LEAF && !same_value(old_node, node))
-                add(XMLDIFF_MOD, parent, old_node, node);
-        } else {
-            const int index = add(XMLDIFF_CHAIN, parent, old_node, node);
-            compare(lyd_child(old_node), lyd_child(node), index);
-            if (changes_.size() == static_cast<size_t>(index) + 1) {  // nothing below changed
-                tag(old_node, 0);
-                tag(node, 0);
-                changes_.pop_back();
-            }
-        }
-    }
-    for (const lyd_node* node = old_first; node; node = node->next)
-        if (present(node) && !counterpart(new_first, node)) subtree(node, Old, XMLDIFF_REM, parent);
+void ChangeSet::drop_if_last(int index) {
+    if (changes_.size() == static_cast<size_t>(index) + 1) changes_.pop_back();
 }
 
 void ChangeSet::subtree(const lyd_node* node, Side side, int op, int parent) {
@@ -99,36 +65,111 @@ void ChangeSet::subtree(const lyd_node* node, Side side, int op, int parent) {
         if (present(child)) subtree(child, side, op, index);
 }
 
-void ChangeSet::render(Side side, const lyd_node* first) {
+void ChangeSet::compare(const lyd_node* old_first, const lyd_node* new_first, int parent) {
+    for (const lyd_node* node = new_first; node; node = node->next) {
+        if (!present(node)) continue;
+        if (const lyd_node* old_node = counterpart(old_first, node))
+            compare_pair(old_node, node, parent);
+        else
+            subtree(node, New, XMLDIFF_ADD, parent);
+    }
+    for (const lyd_node* node = old_first; node; node = node->next)
+        if (present(node) && !counterpart(new_first, node)) subtree(node, Old, XMLDIFF_REM, parent);
+}
+
+void ChangeSet::compare_pair(const lyd_node* old_node, const lyd_node* new_node, int parent) {
+    const bool before = present(old_node), after = present(new_node);
+    if (!before || !after) {
+        if (before) subtree(old_node, Old, XMLDIFF_REM, parent);
+        if (after) subtree(new_node, New, XMLDIFF_ADD, parent);
+        return;
+    }
+    if (is_term(new_node)) {
+        if (new_node->schema->nodetype == LYS_LEAF && !same_value(lyd_get_value(old_node), lyd_get_value(new_node)))
+            add(XMLDIFF_MOD, parent, old_node, new_node);
+        return;
+    }
+    const int index = add(XMLDIFF_CHAIN, parent, old_node, new_node);
+    compare(lyd_child(old_node), lyd_child(new_node), index);
+    drop_if_last(index);
+}
+
+void ChangeSet::detached(const lyd_node* root, const lyd_node* parent) { detached_[root] = parent; }
+
+// ---- documents ------------------------------------------------------------------
+
+// The old document is what the module reads of a removal, and of every
+// change on the way back: made when there is a removal, else by reverse().
+void ChangeSet::render() {
+    render_side(New);
+    for (const Change& change : changes_)
+        if (change.op & XMLDIFF_REM) return render_side(Old);
+}
+
+void ChangeSet::render_side(Side side) {
+    for (size_t i = 0; i < changes_.size(); ++i) {
+        tag(changes_[i].data[Old], i + 1);
+        tag(changes_[i].data[New], i + 1);
+    }
     xmlDoc* doc = xmlNewDoc(xml_text("1.0"));
     doc->dict = xmlDictCreate();  // element names are shared, not copied per node
     docs_[side].reset(doc);
-    for (const lyd_node* node = first; node; node = node->next) render(side, node, nullptr, nullptr);
+    for (size_t i = 0; i < changes_.size(); ++i)
+        if (changes_[i].data[side]) render(side, i);
+    for (const Change& change : changes_) {
+        tag(change.data[Old], 0);
+        tag(change.data[New], 0);
+    }
 }
 
-void ChangeSet::render(Side side, const lyd_node* node, xmlNode* parent, xmlNs* ns) {
-    const size_t index = tag_of(node);
-    if (!index && (!is_term(node) || (node->flags & LYD_DEFAULT))) return;  // outside the module's view
+void ChangeSet::render(Side side, size_t index) {
+    Change& change = changes_[index];
+    const lyd_node* node = change.data[side];
+    xmlNode* parent = change.parent < 0 ? nullptr : changes_[change.parent].xml[side];
+    const char* value = nullptr;
+    if (is_term(node)) value = side == Old && change.old_value ? change.old_value : lyd_get_value(node);
+    xmlNode* element = this->element(side, node, value, parent);
+    change.xml[side] = element;
+    if (change.op != XMLDIFF_CHAIN) return;  // every node below an added or removed one is a change itself
+    // The leaves beside the changes below: what the module may look up.
+    for (const lysc_node* s = nullptr; (s = lys_getnext(s, node->schema, nullptr, 0));) {
+        if (s->nodetype != LYS_LEAF) continue;
+        lyd_node* leaf = nullptr;
+        if (lyd_find_sibling_val(lyd_child(node), s, nullptr, 0, &leaf) != LY_SUCCESS) continue;
+        if (!tagged(leaf) && !(leaf->flags & LYD_DEFAULT)) this->element(side, leaf, lyd_get_value(leaf), element);
+    }
+}
+
+// A new element for `node` (with `value` as its text) under `parent` (null:
+// the document's top level), at its place among the elements there.
+xmlNode* ChangeSet::element(Side side, const lyd_node* node, const char* value, xmlNode* parent) {
     xmlDoc* doc = docs_[side].get();
-    xmlNode* element = xmlNewDocNode(doc, ns, xml_text(node->schema->name), nullptr);
-    if (parent) {
+    xmlNode* element = xmlNewDocNode(doc, parent ? parent->ns : nullptr, xml_text(node->schema->name), nullptr);
+    const int order = model_.order(node->schema);
+    element->_private = reinterpret_cast<void*>(static_cast<std::intptr_t>(order));
+    if (value && *value) xmlAddChild(element, xmlNewDocText(doc, xml_text(value)));
+    xmlNode* last = parent ? xmlGetLastChild(parent) : nullptr;
+    if (!parent) {
+        for (xmlNode* n = xmlDocGetRootElement(doc); n; n = n->next) last = n;
+    }
+    xmlNode* before = last;
+    while (before && order_of(before) > order) before = before->prev;
+    if (before) {
+        xmlAddNextSibling(before, element);
+    } else if (last) {  // first of all
+        xmlNode* first = last;
+        while (first->prev) first = first->prev;
+        xmlAddPrevSibling(first, element);
+    } else if (parent) {
         xmlAddChild(parent, element);
     } else {
-        if (xmlNode* root = xmlDocGetRootElement(doc))
-            xmlAddSibling(root, element);
-        else
-            xmlDocSetRootElement(doc, element);
-        ns = xmlNewNs(element, xml_text(node->schema->module->ns), nullptr);
-        xmlSetNs(element, ns);
+        xmlDocSetRootElement(doc, element);
     }
-    if (index) changes_[index - 1].xml[side] = element;
-    if (is_term(node)) {
-        const char* value = lyd_get_value(node);
-        if (value && *value) xmlAddChild(element, xmlNewDocText(doc, xml_text(value)));
-        return;
-    }
-    for (const lyd_node* child = lyd_child(node); child; child = child->next) render(side, child, element, ns);
+    if (!parent) xmlSetNs(element, xmlNewNs(element, xml_text(node->schema->module->ns), nullptr));
+    return element;
 }
+
+// ---- using ------------------------------------------------------------------
 
 int ChangeSet::parent_op(size_t index, int level) const {
     int at = static_cast<int>(index);
@@ -139,7 +180,25 @@ int ChangeSet::parent_op(size_t index, int level) const {
     return level < 1 ? XMLDIFF_NONE : changes_[at].op;
 }
 
+std::string ChangeSet::path(size_t index) const { return path_of_node(changes_[index].node()); }
+
+std::string ChangeSet::path_of_node(const lyd_node* node) const {
+    const lyd_node* top = node;
+    while (lyd_parent(top)) top = lyd_parent(top);
+    const auto found = detached_.find(top);
+    std::string own = engine::path_of(node);
+    if (found == detached_.end() || !found->second) return own;
+    // "/module:name[keys]/..." below its former parent; the prefix goes
+    // where the parent is of the same module.
+    const lyd_node* parent = found->second;
+    const size_t colon = own.find(':');
+    if (colon != std::string::npos && own.compare(1, colon - 1, parent->schema->module->name) == 0)
+        own = "/" + own.substr(colon + 1);
+    return engine::path_of(parent) + own;
+}
+
 void ChangeSet::reverse(const std::vector<char>& undo) {
+    if (!docs_[Old]) render_side(Old);
     // The chain changes above whatever is undone run again too, whether or
     // not they ran before the refusal: an entry that states all its leaves in
     // one line (a signature exception) restores them this way, where the

@@ -1,9 +1,11 @@
-// The difference between two configurations, as the module is told about it.
+// The change set of an edit, as the module is told about it.
 #pragma once
 
+#include <string>
+#include <unordered_map>
 #include <vector>
 
-#include "support.hpp"
+#include "model.hpp"
 #include "transapi.h"
 
 namespace tavrik::engine {
@@ -14,9 +16,12 @@ struct Change {
     int op = XMLDIFF_NONE;  // XMLDIFF bits
     int parent = -1;        // index of the change of the enclosing node; -1 at the top
     const lysc_node* schema = nullptr;
-    const lyd_node* data[2] = {};  // the node in the old and in the new configuration
-    xmlNode* xml[2] = {};          // its element in the old and in the new document
-    bool active = true;            // false: kept only as the ancestor of other changes
+    // The node before and after the edit; one node for both when it was
+    // edited in place (its value before is then `old_value`).
+    const lyd_node* data[2] = {};
+    const char* old_value = nullptr;  // MOD: the value before, when not data[Old]'s
+    xmlNode* xml[2] = {};             // its element in the old and in the new document
+    bool active = true;               // false: kept only as the ancestor of other changes
 
     // What the module is handed: the node of the new document, of the old
     // one for a removal.
@@ -25,27 +30,57 @@ struct Change {
     const lyd_node* node() const { return data[side()]; }
 };
 
-// Every changed node of a configuration edit once, in document order (a node
-// before its descendants, removed nodes after the remaining siblings):
+// Every changed node of an edit once, in document order (a node before its
+// descendants, removed nodes after the remaining siblings):
 //   - every node of a created or removed subtree: ADD or REM;
 //   - a leaf whose value changed: MOD;
 //   - a node that stays but has changed descendants: CHAIN.
 // Non-presence containers count as absent while nothing in them is
 // configured, as they are absent from an XML document.
 //
-// Both configurations are rendered as XML documents for the module, as far
-// as it can look: the changed nodes, their ancestors, and the leaves beside
-// them (keys included).
+// The set is built by whoever knows what changed (an edit applied in place,
+// or the comparison of two whole configurations); render() then makes the
+// documents the module reads: for the configuration before and after, the
+// changed nodes, their ancestors and the leaves of every rendered element
+// (keys included), in document order.
 class ChangeSet {
 public:
-    ChangeSet(const lyd_node* old_tree, const lyd_node* new_tree);
+    explicit ChangeSet(const Model& model) : model_(model) {}
+    // The changes from `old_tree` to `new_tree` (whole configurations),
+    // rendered.
+    ChangeSet(const Model& model, const lyd_node* old_tree, const lyd_node* new_tree);
+    ChangeSet(const ChangeSet&) = delete;
+    ChangeSet& operator=(const ChangeSet&) = delete;
 
+    // ---- building ----
+    int add(int op, int parent, const lyd_node* old_node, const lyd_node* new_node, const char* old_value = nullptr);
+    // Drops change `index` when nothing was added after it (a CHAIN with no
+    // change below).
+    void drop_if_last(int index);
+    // `node` and every configured node below it with `op` (ADD or REM).
+    void subtree(const lyd_node* node, Side side, int op, int parent);
+    // The changes between two lists of siblings, and between one node and
+    // its counterpart, compared whole.
+    void compare(const lyd_node* old_first, const lyd_node* new_first, int parent);
+    void compare_pair(const lyd_node* old_node, const lyd_node* new_node, int parent);
+    // `root` was detached from `parent` (null: the top level) by the edit;
+    // its nodes' paths are below that parent.
+    void detached(const lyd_node* root, const lyd_node* parent);
+    // Makes the documents (the old one only when a removal needs it; the
+    // way back makes it then).
+    void render();
+
+    // ---- using ----
     const std::vector<Change>& changes() const { return changes_; }
     bool empty() const { return changes_.empty(); }
 
     // Operation bits of the ancestor `level` steps above change `index`
     // (1 = parent); 0 beyond the root.
     int parent_op(size_t index, int level) const;
+
+    // The instance path of change `index`'s node (libyang's notation).
+    std::string path(size_t index) const;
+    std::string path_of_node(const lyd_node* node) const;
 
     // Turns the set into the way back for the changes marked in `undo`:
     // they swap sides and ADD and REM, and so do the CHAIN changes above
@@ -55,13 +90,13 @@ public:
     void reverse(const std::vector<char>& undo);
 
 private:
-    int add(int op, int parent, const lyd_node* old_node, const lyd_node* new_node);
-    void compare(const lyd_node* old_first, const lyd_node* new_first, int parent);
-    void subtree(const lyd_node* node, Side side, int op, int parent);
-    void render(Side side, const lyd_node* first);
-    void render(Side side, const lyd_node* node, xmlNode* parent, xmlNs* ns);
+    void render_side(Side side);
+    void render(Side side, size_t index);
+    xmlNode* element(Side side, const lyd_node* node, const char* value, xmlNode* parent);
 
+    const Model& model_;
     std::vector<Change> changes_;
+    std::unordered_map<const lyd_node*, const lyd_node*> detached_;
     XmlDoc docs_[2];
 };
 

@@ -66,12 +66,11 @@ const CallbackTable::Rows* CallbackTable::rows_for(const lysc_node* schema) cons
 }
 
 std::optional<CallFailure> dispatch(const CallbackTable& table, const ChangeSet& changes,
-                                    std::vector<char>* carried_out) {
+                                    const runtime::CallRecord& record, std::vector<Call>* calls) {
     const auto& list = changes.changes();
     std::vector<const CallbackTable::Rows*> rows(list.size());
     for (size_t i = 0; i < list.size(); ++i) rows[i] = list[i].active ? table.rows_for(list[i].schema) : nullptr;
 
-    runtime::Journal& journal = runtime::journal();
     for (int priority : table.priorities()) {
         for (size_t n = 0; n < list.size(); ++n) {
             const size_t i = table.root_to_leaf() ? n : list.size() - 1 - n;
@@ -82,12 +81,12 @@ std::optional<CallFailure> dispatch(const CallbackTable& table, const ChangeSet&
                 ChangeContext context(changes, i);
                 void* handle = &context;
                 nc_err* error = nullptr;
-                const int transforms = journal.transforms;
-                const size_t first_send = journal.sends.size();
+                const int transforms = record.transforms;
+                const size_t first = record.messages.size();
                 const int result = row->func(&handle, static_cast<XMLDIFF_OP>(change.op), change.element(), &error);
                 runtime::ErrorPtr owned = runtime::take_error(error);
-                if (result != 0) return CallFailure{i, row, result, std::move(owned), first_send};
-                if (carried_out && journal.transforms != transforms) (*carried_out)[i] = 1;
+                if (result != 0) return CallFailure{i, row, result, std::move(owned), first};
+                if (calls) calls->push_back({i, first, record.messages.size(), record.transforms != transforms});
             }
         }
     }

@@ -31,21 +31,31 @@ private:
     bool root_to_leaf_;
 };
 
+// One callback call: its change, the messages it sent (indices into the
+// call record) and whether its wrapper let the change through (called
+// transapi_transform_op).
+struct Call {
+    size_t change = 0;
+    size_t first_message = 0, end_message = 0;
+    bool transformed = false;
+};
+
 // A callback that returned non-zero.
 struct CallFailure {
     size_t change = 0;
     const clbk* row = nullptr;
     int result = 0;
     runtime::ErrorPtr error{nullptr, &runtime::free_error};  // the refusal the callback recorded, if any
-    size_t first_send = 0;  // index in the runtime journal of the first send of that call
+    size_t first_message = 0;  // in the call record, the first message of that call
 };
 
 // Calls every row matching every active change: all rows of the highest
 // priority first, within a priority in document order (reversed when the
 // module asks for leaf-to-root). Stops at the first callback that does not
-// return 0. `carried_out`, when given, marks the changes one of whose calls
-// went past its wrapper (the wrapper converted the operation) and succeeded.
+// return 0. What the callbacks send is appended to `record`, which the
+// caller has installed in the runtime; every successful call is listed in
+// `calls`, when given.
 std::optional<CallFailure> dispatch(const CallbackTable& table, const ChangeSet& changes,
-                                    std::vector<char>* carried_out = nullptr);
+                                    const runtime::CallRecord& record, std::vector<Call>* calls = nullptr);
 
 }  // namespace tavrik::engine

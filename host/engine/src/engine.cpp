@@ -2,14 +2,15 @@
 // the all-or-nothing edit.
 #include "tavrik/engine.hpp"
 
-#include <filesystem>
+#include <libxml/parser.h>
 
+#include "apply.hpp"
 #include "changes.hpp"
 #include "dispatch.hpp"
-#include "edit_config.hpp"
+#include "model.hpp"
 #include "module.hpp"
+#include "parse.hpp"
 #include "tavrik/runtime.hpp"
-#include "tavrik/vsys_feature.hpp"
 
 namespace tavrik::engine {
 
@@ -17,69 +18,19 @@ void DataTreeFree::operator()(lyd_node* tree) const { lyd_free_all(tree); }
 
 namespace {
 
-struct ContextFree {
-    void operator()(ly_ctx* ctx) const { ly_ctx_destroy(ctx); }
-};
-using Context = std::unique_ptr<ly_ctx, ContextFree>;
-
-std::string describe(const RpcError& error) {
-    std::string text = error.message;
-    if (!error.path.empty()) text += " (" + error.path + ")";
-    if (error.line) text += " at line " + std::to_string(error.line);
-    return text;
-}
-
-Context make_context(const std::string& yang_dir) {
-    QuietLibyang quiet;
-    ly_ctx* ctx = nullptr;
-    if (ly_ctx_new(yang_dir.c_str(), 0, &ctx) != LY_SUCCESS)
-        throw EngineError("cannot use the data model directory " + yang_dir);
-    return Context(ctx);
-}
-
-// Loads every model of `yang_dir` and returns the one of the module's namespace.
-const lys_module* load_model(ly_ctx* ctx, const std::string& yang_dir, const Module& module) {
-    QuietLibyang quiet;
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator(yang_dir, ec)) {
-        if (entry.path().extension() != ".yang") continue;
-        if (lys_parse_path(ctx, entry.path().c_str(), LYS_IN_YANG, nullptr) != LY_SUCCESS)
-            throw EngineError("data model " + entry.path().string() + ": " + describe(libyang_error(ctx, "")));
-    }
-    if (ec) throw EngineError("cannot read the data model directory " + yang_dir + ": " + ec.message());
+const std::string& namespace_of(const Module& module) {
     if (module.namespaces().empty()) throw EngineError("the module names no namespace");
-    const std::string& href = module.namespaces().front().second;
-    const lys_module* model = ly_ctx_get_module_implemented_ns(ctx, href.c_str());
-    if (!model) throw EngineError("no data model in " + yang_dir + " has the module's namespace " + href);
-    return model;
+    return module.namespaces().front().second;
 }
 
 std::string print(const lyd_node* tree) {
     if (!tree) return {};
     char* text = nullptr;
     lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
-    std::string result = text ? text : "";
-    std::free(text);
-    return result;
-}
-
-const char* error_tag(int nc_err_code) {
-    switch (nc_err_code) {
-        case NC_ERR_MISSING_ELEM: return "missing-element";
-        case NC_ERR_BAD_ELEM: return "bad-element";
-        case NC_ERR_UNKNOWN_ELEM: return "unknown-element";
-        default: return "operation-failed";
-    }
+    return take_text(text);
 }
 
 std::string in_quotes(const std::string& text) { return "\"" + text + "\""; }
-
-// The vsys list of the model, whose entries the server's vsys feature owns;
-// null for a model without one.
-const lysc_node* vsys_list(const lys_module* model) {
-    QuietLibyang quiet;
-    return lys_find_path(model->ctx, nullptr, ("/" + std::string(model->name) + ":antivirus/vsys").c_str(), 0);
-}
 
 // The value of a list entry's key leaf (the vsys name).
 std::string key_of(const lyd_node* entry) {
@@ -88,165 +39,304 @@ std::string key_of(const lyd_node* entry) {
     return {};
 }
 
-// The runtime as one edit needs it: the delivery mode set per pass and
-// restored at the end, the texts handed out during the edit released.
+EditResult failed(RpcError error, std::vector<SentLine> lines = {}) {
+    return EditResult{false, std::move(lines), std::move(error), {}};
+}
+
+ChangeKind kind_of(int op) {
+    if (op & XMLDIFF_ADD) return ChangeKind::Create;
+    if (op & XMLDIFF_REM) return ChangeKind::Delete;
+    return ChangeKind::Modify;
+}
+
+// The topmost changed nodes: what an added or removed subtree starts with,
+// and the modified leaves.
+std::vector<ChangedNode> topmost(const ChangeSet& changes) {
+    std::vector<ChangedNode> out;
+    const auto& list = changes.changes();
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (list[i].op == XMLDIFF_CHAIN) continue;
+        if (list[i].parent >= 0 && list[i].op == list[list[i].parent].op) continue;
+        out.push_back({kind_of(list[i].op), changes.path(i)});
+    }
+    return out;
+}
+
+// The lines of the recorded messages (only those delivered, when asked).
+std::vector<SentLine> lines_of(runtime::CallRecord& record, bool delivered_only) {
+    std::vector<SentLine> lines;
+    for (runtime::Message& message : record.messages) {
+        if (delivered_only && !message.delivered) continue;
+        for (runtime::CachedLine& line : message.lines)
+            lines.push_back({std::move(line.vsys), std::move(line.view), std::move(line.view_template),
+                             message.cmd_op, std::move(line.line)});
+    }
+    return lines;
+}
+
+// The runtime as one edit needs it: a call record, the delivery mode set
+// and restored at the end, the texts handed out during the edit released.
 class EditSession {
 public:
-    EditSession() : mode_(runtime::delivery()) {}
+    EditSession() : mode_(runtime::delivery()), previous_(runtime::call_record()) {
+        runtime::set_call_record(&record);
+        runtime::set_delivery(runtime::Delivery::RecordOnly);
+    }
     ~EditSession() {
+        runtime::set_call_record(previous_);
         runtime::set_delivery(mode_);
         runtime::release_texts();
     }
     EditSession(const EditSession&) = delete;
     EditSession& operator=(const EditSession&) = delete;
 
-    void begin_pass(runtime::Delivery mode) {
-        runtime::set_delivery(mode);
-        runtime::reset_journal();
+    // Delivers the recorded messages in order; the index of the one the
+    // platform refused, or the number of messages.
+    size_t deliver() {
+        runtime::Platform& platform = runtime::platform();
+        for (size_t i = 0; i < record.messages.size(); ++i) {
+            runtime::Message& message = record.messages[i];
+            message.delivered = true;
+            message.result = platform.deliver(message.lines, message.cmd_op);
+            if (message.result != 0) return i;
+        }
+        return record.messages.size();
     }
 
-    // The lines the module sent in this pass (and any later one).
-    static std::vector<SentLine> lines() {
-        std::vector<SentLine> lines;
-        for (const runtime::Send& send : runtime::journal().sends) {
-            if (send.msg_type != API_DP2QMX_CMD_CONFIG) continue;
-            for (const runtime::CachedLine& line : send.lines)
-                lines.push_back({line.vsys, line.view, line.view_template, send.cmd_op, line.line});
-        }
-        return lines;
-    }
+    runtime::CallRecord record;
 
 private:
     runtime::Delivery mode_;
+    runtime::CallRecord* previous_;
 };
 
 }  // namespace
 
+ChangeView::ChangeView(const ChangeSet& changes) : changes_(changes) {
+    const auto& list = changes.changes();
+    for (size_t i = 0; i < list.size(); ++i)
+        if (list[i].op != XMLDIFF_CHAIN) index_.push_back(static_cast<std::uint32_t>(i));
+}
+ChangeKind ChangeView::kind(size_t i) const { return kind_of(changes_.changes()[index_[i]].op); }
+const lyd_node* ChangeView::node(size_t i) const { return changes_.changes()[index_[i]].node(); }
+std::string ChangeView::path(size_t i) const { return changes_.path(index_[i]); }
+
 struct Engine::Impl {
-    Impl(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml)
+    Impl(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml, ly_ctx* host)
         : module(module_path),
-          ctx(make_context(yang_dir)),
-          model(load_model(ctx.get(), yang_dir, module)),
-          table(module, ctx.get()),
-          vsys_schema(vsys_list(model)),
-          name(model->name),
-          ns(model->ns) {
-        if (auto error = parse_config(model, running_xml, running))
+          model(yang_dir, namespace_of(module), host),
+          table(module, model.context()),
+          name(model.module()->name),
+          ns(model.module()->ns) {
+        if (auto error = parse_config(running_xml, running))
             throw EngineError("initial running configuration: " + describe(*error), error);
         const std::string text = print(running.get());
         XmlDoc doc(xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, 0));
         module.init(doc.get());
     }
 
+    std::optional<RpcError> parse_config(std::string_view xml, Tree& tree) const;
+    std::optional<RpcError> validate_whole(Tree& tree) const;
     EditResult commit(Tree config, const EditOptions& options);
-    RpcError refusal(const ChangeSet& changes, const CallFailure& failure) const;
+    EditResult run(ChangeSet& changes, const EditOptions& options);
+    RpcError refusal(const ChangeSet& changes, const CallFailure& failure, const runtime::CallRecord& record) const;
+    RpcError platform_refusal(const ChangeSet& changes, size_t change, const runtime::Message& message) const;
     std::optional<RpcError> remove_vsys(const ChangeSet& changes) const;
 
     Module module;  // declared first: closed after everything else is gone
-    Context ctx;
-    const lys_module* model;
+    Model model;
     CallbackTable table;
-    const lysc_node* vsys_schema;  // null when the model has no vsys list
+    VsysFeature* vsys_feature = nullptr;
     Tree running;
     const std::string name, ns;
 };
 
-EditResult Engine::Impl::commit(Tree config, const EditOptions& options) {
-    auto failed = [](RpcError error, std::vector<SentLine> lines = {}) {
-        return EditResult{false, std::move(lines), std::move(error)};
-    };
-    if (auto error = validate_tree(model, config)) return failed(*error);
-    if (options.test_only) return {true, {}, std::nullopt};
-
-    ChangeSet changes(running.get(), config.get());
-    EditSession session;
-    // First every callback with a channel that records and delivers nothing:
-    // a refusal leaves the platform untouched.
-    session.begin_pass(runtime::Delivery::RecordOnly);
-    if (auto failure = dispatch(table, changes)) return failed(refusal(changes, *failure));
-    if (options.dry_run) return {true, EditSession::lines(), std::nullopt};
-
-    session.begin_pass(runtime::Delivery::Deliver);
-    std::vector<char> carried_out(changes.changes().size());
-    std::optional<RpcError> error;
-    if (auto failure = dispatch(table, changes, &carried_out))
-        error = refusal(changes, *failure);
-    else
-        error = remove_vsys(changes);
-    if (error) {
-        // Bring the platform back: the module is driven with the reverse of
-        // what it already carried out.
-        changes.reverse(carried_out);
-        if (auto undo = dispatch(table, changes))
-            error->message += " Restoring the platform failed as well: " + refusal(changes, *undo).message;
-        return failed(std::move(*error), EditSession::lines());
-    }
-    running = std::move(config);
-    return {true, EditSession::lines(), std::nullopt};
+// A complete configuration from text: read as an edit that merges into
+// nothing, then validated whole.
+std::optional<RpcError> Engine::Impl::parse_config(std::string_view xml, Tree& tree) const {
+    ParsedXml parsed = parse_xml(model, xml);
+    if (parsed.error) return parsed.error;
+    AppliedEdit applied(model, tree);
+    if (auto error = applied.apply(parsed.tree.get(), DefaultOperation::Merge)) return error;
+    applied.keep();
+    return validate_whole(tree);
 }
 
-RpcError Engine::Impl::refusal(const ChangeSet& changes, const CallFailure& failure) const {
+std::optional<RpcError> Engine::Impl::validate_whole(Tree& tree) const {
+    QuietLibyang quiet;
+    lyd_node* first = tree.release();
+    const LY_ERR err = lyd_validate_all(&first, model.context(), LYD_VALIDATE_NO_STATE, nullptr);
+    tree.reset(first);
+    if (err == LY_SUCCESS) return std::nullopt;
+    RpcError error = libyang_error(model.context(), ErrorTag::InvalidValue);
+    lyd_node* node = nullptr;
+    if (!error.path.empty() && lyd_find_path(tree.get(), error.path.c_str(), 0, &node) == LY_SUCCESS)
+        error.bad_element = LYD_NAME(node);
+    return error;
+}
+
+EditResult Engine::Impl::commit(Tree config, const EditOptions& options) {
+    if (auto error = validate_whole(config)) return failed(*error);
+    ChangeSet changes(model);
+    changes.compare(running.get(), config.get(), -1);
+    EditResult result = run(changes, options);
+    if (result.ok && !options.test_only && !options.dry_run) running = std::move(config);
+    return result;
+}
+
+// The module's part of an edit whose change set is `changes`.
+EditResult Engine::Impl::run(ChangeSet& changes, const EditOptions& options) {
+    if (options.check)
+        if (auto error = options.check(ChangeView(changes))) return failed(std::move(*error));
+    if (options.test_only) return {true, {}, std::nullopt, topmost(changes)};
+
+    changes.render();
+    EditSession session;
+    // Every callback once, with a channel that records and delivers
+    // nothing: a refusal leaves the platform untouched.
+    std::vector<Call> calls;
+    if (auto failure = dispatch(table, changes, session.record, &calls))
+        return failed(refusal(changes, *failure, session.record));
+    if (options.dry_run) return {true, lines_of(session.record, false), std::nullopt, topmost(changes)};
+
+    // Every callback accepted: the messages go out in order.
+    const size_t refused = session.deliver();
+    std::vector<char> carried_out(changes.changes().size());
+    std::optional<RpcError> error;
+    if (refused < session.record.messages.size()) {
+        // Carried out: a call that went past its wrapper and whose messages
+        // all went out before the refused one.
+        for (const Call& call : calls) {
+            if (call.end_message <= refused && call.transformed) carried_out[call.change] = 1;
+            if (call.first_message <= refused && refused < call.end_message)
+                error = platform_refusal(changes, call.change, session.record.messages[refused]);
+        }
+    } else {
+        for (const Call& call : calls)
+            if (call.transformed) carried_out[call.change] = 1;
+        error = remove_vsys(changes);
+    }
+    if (error) {
+        // Bring the platform back: the module is driven with the reverse of
+        // what it already carried out, and its lines are delivered.
+        changes.reverse(carried_out);
+        runtime::set_delivery(runtime::Delivery::Deliver);
+        if (auto undo = dispatch(table, changes, session.record))
+            error->message +=
+                " Restoring the platform failed as well: " + refusal(changes, *undo, session.record).message;
+        return failed(std::move(*error), lines_of(session.record, true));
+    }
+    return {true, lines_of(session.record, true), std::nullopt, topmost(changes)};
+}
+
+RpcError Engine::Impl::refusal(const ChangeSet& changes, const CallFailure& failure,
+                               const runtime::CallRecord& record) const {
     const Change& change = changes.changes()[failure.change];
-    const std::string node = path_of(change.node());
+    const std::string path = changes.path(failure.change);
     if (failure.error) {
         const nc_err& e = *failure.error;
-        return {"application", error_tag(e.tag), e.message, e.path.empty() ? node : e.path, 0, e.tag};
+        RpcError error(ErrorType::Application, tag_of_module_code(e.tag), e.message, path, change.schema->name);
+        error.module_path = e.path;
+        error.app_code = e.tag;
+        return error;
     }
-    const auto& sends = runtime::journal().sends;
-    for (size_t i = failure.first_send; i < sends.size(); ++i) {
-        const runtime::Send& send = sends[i];
-        if (!send.delivered || send.result == 0) continue;
-        std::string line = send.lines.empty() ? std::string("(no line)") : send.lines.back().line;
-        std::string where = send.lines.empty() ? "" : " (vsys " + in_quotes(send.lines.back().vsys) + ", view " +
-                                                         in_quotes(send.lines.back().view) + ")";
-        return {"application", "operation-failed",
-                "The platform refused the line " + in_quotes(line) + where + " with code " +
-                    std::to_string(send.result) + "; the configuration is unchanged.",
-                node, 0, send.result};
-    }
-    return {"application", "operation-failed",
-            Module::function_name(reinterpret_cast<const void*>(failure.row->func)) + " refused the change of " +
-                node + " (result " + std::to_string(failure.result) + ") without giving a reason.",
-            node, 0, failure.result};
+    for (size_t i = failure.first_message; i < record.messages.size(); ++i)
+        if (record.messages[i].delivered && record.messages[i].result != 0)
+            return platform_refusal(changes, failure.change, record.messages[i]);
+    RpcError error(ErrorType::Application, ErrorTag::OperationFailed,
+                   Module::function_name(reinterpret_cast<const void*>(failure.row->func)) + " refused the change of " +
+                       path + " (result " + std::to_string(failure.result) + ") without giving a reason.",
+                   path, change.schema->name);
+    error.app_code = failure.result;
+    return error;
+}
+
+RpcError Engine::Impl::platform_refusal(const ChangeSet& changes, size_t change,
+                                        const runtime::Message& message) const {
+    const std::string line = message.lines.empty() ? std::string("(no line)") : message.lines.back().line;
+    const std::string where = message.lines.empty() ? ""
+                                                    : " (vsys " + in_quotes(message.lines.back().vsys) + ", view " +
+                                                          in_quotes(message.lines.back().view) + ")";
+    RpcError error(ErrorType::Application, ErrorTag::OperationFailed,
+                   "The platform refused the line " + in_quotes(line) + where + " with code " +
+                       std::to_string(message.result) + "; the configuration is unchanged.",
+                   changes.path(change), changes.changes()[change].schema->name);
+    error.app_code = message.result;
+    return error;
 }
 
 // The vsys entries the edit removes go from the platform as the server's vsys
 // feature would take them, when the platform stands in for that feature.
 std::optional<RpcError> Engine::Impl::remove_vsys(const ChangeSet& changes) const {
-    auto* feature = dynamic_cast<VsysFeature*>(&runtime::platform());
-    if (!feature || !vsys_schema) return std::nullopt;
+    if (!vsys_feature || !model.vsys_list()) return std::nullopt;
     std::vector<std::string> names;
-    const lyd_node* first = nullptr;
-    for (const Change& change : changes.changes()) {
-        if (change.op != XMLDIFF_REM || change.schema != vsys_schema) continue;
-        names.push_back(key_of(change.node()));
-        if (!first) first = change.node();
+    size_t first = 0;
+    const auto& list = changes.changes();
+    for (size_t i = 0; i < list.size(); ++i) {
+        if (list[i].op != XMLDIFF_REM || list[i].schema != model.vsys_list()) continue;
+        if (names.empty()) first = i;
+        names.push_back(key_of(list[i].node()));
     }
     if (names.empty()) return std::nullopt;
-    const int code = feature->remove_vsys(names);
+    const int code = vsys_feature->remove_vsys(names);
     if (code == 0) return std::nullopt;
     std::string listed;
     for (const std::string& name : names) listed += (listed.empty() ? "" : ", ") + in_quotes(name);
-    return RpcError{"application", "operation-failed",
-                    "The platform refused to remove the vsys " + listed + " with code " + std::to_string(code) +
-                        "; the configuration is unchanged.",
-                    path_of(first), 0, code};
+    RpcError error(ErrorType::Application, ErrorTag::OperationFailed,
+                   "The platform refused to remove the vsys " + listed + " with code " + std::to_string(code) +
+                       "; the configuration is unchanged.",
+                   changes.path(first), model.vsys_list()->name);
+    error.app_code = code;
+    return error;
 }
 
-Engine::Engine(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml)
-    : impl_(std::make_unique<Impl>(module_path, yang_dir, running_xml)) {}
+Engine::Engine(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml,
+               ly_ctx* context)
+    : impl_(std::make_unique<Impl>(module_path, yang_dir, running_xml, context)) {}
 
 Engine::~Engine() = default;
 
-EditResult Engine::edit(std::string_view config_xml, const EditOptions& options) {
-    Tree config = copy_running();
-    if (auto error = apply_edit(impl_->model, config_xml, options.default_operation, config))
-        return {false, {}, std::move(error)};
-    return impl_->commit(std::move(config), options);
+ParsedXml Engine::parse(std::string_view xml) const { return parse_xml(impl_->model, xml); }
+
+EditResult Engine::edit(const lyd_node* config, const EditOptions& options) {
+    Impl& impl = *impl_;
+    if (!impl.model.nonlocal().empty()) {
+        // Constraints beyond the changed entries: the edit is made on a copy,
+        // which is validated and compared whole.
+        Tree copy = copy_running();
+        AppliedEdit applied(impl.model, copy);
+        if (auto error = applied.apply(config, options.default_operation)) return failed(*error);
+        applied.keep();
+        return impl.commit(std::move(copy), options);
+    }
+    AppliedEdit applied(impl.model, impl.running);
+    if (auto error = applied.apply(config, options.default_operation)) return failed(*error);
+    ChangeSet changes(impl.model);
+    applied.describe(changes);
+    EditResult result = impl.run(changes, options);
+    if (result.ok && !options.test_only && !options.dry_run) applied.keep();
+    return result;  // otherwise `applied` puts the running configuration back
 }
 
 EditResult Engine::replace_running(DataTree config, const EditOptions& options) {
     return impl_->commit(std::move(config), options);
+}
+
+EditResult Engine::apply(DataTree& tree, const lyd_node* edit, DefaultOperation default_operation) const {
+    const Impl& impl = *impl_;
+    AppliedEdit applied(impl.model, tree);
+    if (auto error = applied.apply(edit, default_operation)) return failed(*error);
+    if (!impl.model.nonlocal().empty()) {
+        lyd_node* copy = nullptr;
+        if (tree) lyd_dup_siblings(tree.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
+        Tree whole(copy);
+        if (auto error = impl.validate_whole(whole)) return failed(*error);
+    }
+    ChangeSet changes(impl.model);
+    applied.describe(changes);
+    EditResult result{true, {}, std::nullopt, topmost(changes)};
+    applied.keep();
+    return result;
 }
 
 DataTree Engine::copy_running() const {
@@ -261,22 +351,18 @@ const lyd_node* Engine::running_tree() const { return impl_->running.get(); }
 
 std::optional<RpcError> Engine::validate(std::string_view config_xml) const {
     Tree config;
-    return parse_config(impl_->model, config_xml, config);
+    return impl_->parse_config(config_xml, config);
 }
 
 std::optional<std::string> Engine::module_config() {
-    runtime::reset_journal();
     nc_err* error = nullptr;
     char* text = impl_->module.perform_getconfig(nullptr, NC_DATASTORE_RUNNING, &error);
     runtime::take_error(error);
     if (!text) return std::nullopt;
-    std::string result = text;
-    std::free(text);
-    return result;
+    return take_text(text);
 }
 
 std::optional<std::string> Engine::module_state() {
-    runtime::reset_journal();
     nc_err* error = nullptr;
     XmlDoc doc(impl_->module.get_state_data(nullptr, nullptr, &error));
     runtime::take_error(error);
@@ -288,8 +374,10 @@ std::optional<std::string> Engine::module_state() {
     return std::string(reinterpret_cast<const char*>(xmlBufferContent(buffer.get())), xmlBufferLength(buffer.get()));
 }
 
-ly_ctx* Engine::context() const { return impl_->ctx.get(); }
+void Engine::set_vsys_feature(VsysFeature* feature) { impl_->vsys_feature = feature; }
+ly_ctx* Engine::context() const { return impl_->model.context(); }
 const std::string& Engine::model_name() const { return impl_->name; }
 const std::string& Engine::model_namespace() const { return impl_->ns; }
+const std::vector<std::string>& Engine::nonlocal_constraints() const { return impl_->model.nonlocal(); }
 
 }  // namespace tavrik::engine

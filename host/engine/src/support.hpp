@@ -1,5 +1,5 @@
 // Small helpers shared by the engine's parts: owners for libyang and libxml2
-// objects, libyang errors as rpc-errors.
+// objects, libyang errors as rpc-errors, instance paths.
 #pragma once
 
 #include <libxml/tree.h>
@@ -35,10 +35,19 @@ private:
 inline std::string text_of(const xmlChar* text) { return text ? reinterpret_cast<const char*>(text) : ""; }
 
 // The last libyang error of `ctx` as an rpc-error with `tag`; the data path
-// and line number libyang reports go to path and line.
-RpcError libyang_error(const ly_ctx* ctx, const char* tag, const std::string& fallback_path = {});
+// and the line libyang reports go to path and line.
+RpcError libyang_error(const ly_ctx* ctx, ErrorTag tag, ErrorType type = ErrorType::Application);
 
-// The data path of a node (libyang's notation).
+// A text libyang allocated, freed.
+std::string take_text(char* text);
+
+// The instance path of a node (libyang's notation, with keys).
 std::string path_of(const lyd_node* node);
+
+// The error in one line, for exceptions: message (path) at line N.
+std::string describe(const RpcError& error);
+
+// An rpc-error about `node`: its instance path and name.
+RpcError error_at(const lyd_node* node, ErrorTag tag, std::string message, ErrorType type = ErrorType::Application);
 
 }  // namespace tavrik::engine

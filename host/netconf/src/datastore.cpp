@@ -57,9 +57,8 @@ private:
     std::uint64_t refused_ = 0;
 };
 
-RpcError refusal(std::string tag, std::string message, std::string type = "application") {
-    return RpcError{std::move(type), std::move(tag), std::move(message), {}, 0};
-}
+using engine::ErrorTag;
+using engine::ErrorType;
 
 }  // namespace
 
@@ -101,6 +100,11 @@ struct Datastore::Impl {
         runtime::set_platform(nullptr);
     }
 
+    // Back to the configuration on disk (after a commit that failed).
+    void restore_committed() {
+        engine->replace_running(engine->parse(committed).tree);
+    }
+
     // Writes the running configuration and the appliance to disk together;
     // the edit that led to them is committed when this returns.
     void commit() {
@@ -134,7 +138,8 @@ Datastore::Datastore(const DatastoreOptions& options) : impl_(std::make_unique<I
         }
     }
     runtime::set_platform(&impl_->platform);
-    impl_->engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running);
+    impl_->engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
+    impl_->engine->set_vsys_feature(&impl_->platform);
     impl_->committed = std::move(running);
 }
 
@@ -143,44 +148,50 @@ Datastore::~Datastore() = default;
 std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest& request) {
     std::lock_guard lock(impl_->mutex);
     if (impl_->holder && impl_->holder != session)
-        return refusal("in-use", "the running configuration is locked by session " + std::to_string(impl_->holder),
-                       "protocol");
+        return RpcError(ErrorType::Protocol, ErrorTag::InUse,
+                        "the running configuration is locked by session " + std::to_string(impl_->holder));
     engine::EditOptions options;
     options.default_operation = request.default_operation;
     options.dry_run = request.test_option == TestOption::TestOnly;
     engine::EditResult result = impl_->engine->edit(request.config, options);
-    if (!result.ok) return result.error.value_or(refusal("operation-failed", "the edit was refused"));
+    if (!result.ok) return result.error;
     if (options.dry_run) return std::nullopt;
     try {
         impl_->commit();
     } catch (const std::exception& e) {
         // Not on disk, so not committed: back to the configuration that is.
-        engine::EditOptions back;
-        back.default_operation = engine::DefaultOperation::Replace;
-        impl_->engine->edit(impl_->committed, back);
-        return refusal("operation-failed",
-                       std::string("the configuration could not be saved, the edit is undone: ") + e.what());
+        impl_->restore_committed();
+        return RpcError(ErrorType::Application, ErrorTag::OperationFailed,
+                        std::string("the configuration could not be saved, the edit is undone: ") + e.what());
     }
     return std::nullopt;
 }
 
-std::optional<RpcError> Datastore::validate(std::string_view config) {
+std::optional<RpcError> Datastore::validate(const lyd_node* config) {
     std::lock_guard lock(impl_->mutex);
     engine::EditOptions options;
     options.default_operation = engine::DefaultOperation::Replace;
     options.dry_run = true;
     engine::EditResult result = impl_->engine->edit(config, options);
-    if (result.ok) return std::nullopt;
-    return result.error.value_or(refusal("operation-failed", "the configuration is not valid"));
+    return result.error;
 }
+
+engine::ParsedXml Datastore::parse(std::string_view xml) const {
+    std::lock_guard lock(impl_->mutex);
+    return impl_->engine->parse(xml);
+}
+
+ly_ctx* Datastore::context() const { return impl_->engine->context(); }
 
 Reading Datastore::read(const ly_ctx* target, const ReadRequest& request) {
     std::lock_guard lock(impl_->mutex);
     Reading reading;
     if (const lyd_node* running = impl_->engine->running_tree(); running && target) {
-        if (lyd_dup_siblings_to_ctx(running, target, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS,
-                                    &reading.running) != LY_SUCCESS)
-            throw DatastoreError("cannot copy the running configuration");
+        const uint32_t options = LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS;
+        const LY_ERR err = target == impl_->engine->context()
+                               ? lyd_dup_siblings(running, nullptr, options, &reading.running)
+                               : lyd_dup_siblings_to_ctx(running, target, nullptr, options, &reading.running);
+        if (err != LY_SUCCESS) throw DatastoreError("cannot copy the running configuration");
     }
     if (request.state) reading.state = impl_->engine->module_state();
     if (request.platform) {

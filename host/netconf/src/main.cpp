@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
 #include <string>
 
 #include "atomic_file.hpp"
@@ -47,7 +48,11 @@ int main(int argc, char* argv[]) {
         if (const auto status = relay_stdio(options.unix_socket_path())) return *status;
     }
     try {
-        Datastore datastore(DatastoreOptions{options.module_path, options.yang_dir, options.state_dir, options.sync_writes});
+        // One schema context for the sessions, the running configuration and
+        // the edits; it outlives both.
+        const std::unique_ptr<ly_ctx, void (*)(ly_ctx*)> context(build_context(options), ly_ctx_destroy);
+        Datastore datastore(DatastoreOptions{options.module_path, options.yang_dir, options.state_dir,
+                                             options.sync_writes, context.get()});
         Server server(options, datastore);
         g_server = &server;
         struct sigaction action {};

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <memory>
@@ -64,91 +65,49 @@ void append(Tree& tree, lyd_node* more) {
 
 // ---- replies ---------------------------------------------------------------
 
-struct TagName {
-    std::string_view name;
-    NC_ERR tag;
+using engine::ErrorTag;
+using engine::ErrorType;
+
+// libnetconf2's code of each tag, in the order of ErrorTag.
+constexpr NC_ERR kNcTags[] = {
+    NC_ERR_IN_USE,          NC_ERR_INVALID_VALUE,    NC_ERR_TOO_BIG,        NC_ERR_MISSING_ATTR, NC_ERR_BAD_ATTR,
+    NC_ERR_UNKNOWN_ATTR,    NC_ERR_MISSING_ELEM,     NC_ERR_BAD_ELEM,       NC_ERR_UNKNOWN_ELEM, NC_ERR_UNKNOWN_NS,
+    NC_ERR_ACCESS_DENIED,   NC_ERR_LOCK_DENIED,      NC_ERR_RES_DENIED,     NC_ERR_ROLLBACK_FAILED,
+    NC_ERR_DATA_EXISTS,     NC_ERR_DATA_MISSING,     NC_ERR_OP_NOT_SUPPORTED, NC_ERR_OP_FAILED, NC_ERR_MALFORMED_MSG,
 };
+static_assert(std::size(kNcTags) == static_cast<std::size_t>(ErrorTag::MalformedMessage) + 1);
 
-constexpr TagName kTags[] = {
-    {"in-use", NC_ERR_IN_USE},
-    {"invalid-value", NC_ERR_INVALID_VALUE},
-    {"too-big", NC_ERR_TOO_BIG},
-    {"missing-attribute", NC_ERR_MISSING_ATTR},
-    {"bad-attribute", NC_ERR_BAD_ATTR},
-    {"unknown-attribute", NC_ERR_UNKNOWN_ATTR},
-    {"missing-element", NC_ERR_MISSING_ELEM},
-    {"bad-element", NC_ERR_BAD_ELEM},
-    {"unknown-element", NC_ERR_UNKNOWN_ELEM},
-    {"unknown-namespace", NC_ERR_UNKNOWN_NS},
-    {"access-denied", NC_ERR_ACCESS_DENIED},
-    {"lock-denied", NC_ERR_LOCK_DENIED},
-    {"resource-denied", NC_ERR_RES_DENIED},
-    {"rollback-failed", NC_ERR_ROLLBACK_FAILED},
-    {"data-exists", NC_ERR_DATA_EXISTS},
-    {"data-missing", NC_ERR_DATA_MISSING},
-    {"operation-not-supported", NC_ERR_OP_NOT_SUPPORTED},
-    {"operation-failed", NC_ERR_OP_FAILED},
-    {"malformed-message", NC_ERR_MALFORMED_MSG},
-};
+NC_ERR nc_tag(ErrorTag tag) { return kNcTags[static_cast<std::size_t>(tag)]; }
 
-NC_ERR tag_of(std::string_view name) {
-    for (const auto& t : kTags)
-        if (t.name == name) return t.tag;
-    return NC_ERR_OP_FAILED;
-}
-
-NC_ERR_TYPE type_of(std::string_view name) {
-    if (name == "transport") return NC_ERR_TYPE_TRAN;
-    if (name == "rpc") return NC_ERR_TYPE_RPC;
-    if (name == "protocol") return NC_ERR_TYPE_PROT;
-    return NC_ERR_TYPE_APP;
-}
-
-// Name of the last element of an error path ("/a:x/y[k='v']/z" gives "z").
-std::string last_element(std::string_view path) {
-    std::size_t depth = 0;
-    char quote = 0;
-    std::size_t start = 0;
-    std::string_view last;
-    for (std::size_t i = 0; i <= path.size(); ++i) {
-        const char c = i < path.size() ? path[i] : '/';
-        if (quote) {
-            if (c == quote) quote = 0;
-        } else if (c == '\'' || c == '"') {
-            quote = c;
-        } else if (c == '[') {
-            if (depth++ == 0 && i > start) last = path.substr(start, i - start);
-        } else if (c == ']') {
-            if (depth) --depth;
-            start = i + 1;
-        } else if (c == '/' && depth == 0) {
-            if (i > start) last = path.substr(start, i - start);
-            start = i + 1;
-        }
+NC_ERR_TYPE nc_type(ErrorType type) {
+    switch (type) {
+        case ErrorType::Transport: return NC_ERR_TYPE_TRAN;
+        case ErrorType::Rpc: return NC_ERR_TYPE_RPC;
+        case ErrorType::Protocol: return NC_ERR_TYPE_PROT;
+        case ErrorType::Application: break;
     }
-    if (const auto colon = last.find(':'); colon != std::string_view::npos) last.remove_prefix(colon + 1);
-    return std::string(last);
+    return NC_ERR_TYPE_APP;
 }
 
 // One rpc-error as libnetconf2 builds it, with our message and path.
 lyd_node* make_error(const ly_ctx* ctx, const RpcError& error, std::uint32_t session = 0) {
-    const NC_ERR tag = tag_of(error.tag);
-    const NC_ERR_TYPE type = type_of(error.type);
-    const std::string element = last_element(error.path);
+    const NC_ERR tag = nc_tag(error.tag);
+    const NC_ERR_TYPE type = nc_type(error.type);
+    const char* element = error.bad_element.c_str();
     lyd_node* err = nullptr;
     switch (tag) {
     case NC_ERR_MISSING_ATTR:
     case NC_ERR_BAD_ATTR:
     case NC_ERR_UNKNOWN_ATTR:
-        err = nc_err(ctx, tag, type, "", element.c_str());
+        err = nc_err(ctx, tag, type, "", element);
         break;
     case NC_ERR_MISSING_ELEM:
     case NC_ERR_BAD_ELEM:
     case NC_ERR_UNKNOWN_ELEM:
-        err = nc_err(ctx, tag, type, element.c_str());
+        err = nc_err(ctx, tag, type, element);
         break;
     case NC_ERR_UNKNOWN_NS:
-        err = nc_err(ctx, tag, type, element.c_str(), "");
+        err = nc_err(ctx, tag, type, element, "");
         break;
     case NC_ERR_LOCK_DENIED:
         err = nc_err(ctx, tag, session);
@@ -172,8 +131,8 @@ nc_server_reply* error_reply(const RpcError& error, std::uint32_t session = 0) {
     return nc_server_reply_err(make_error(g_service->context, error, session));
 }
 
-nc_server_reply* failure(std::string tag, std::string message, std::string type = "protocol") {
-    return error_reply(RpcError{std::move(type), std::move(tag), std::move(message), {}, 0});
+nc_server_reply* failure(ErrorTag tag, std::string message, ErrorType type = ErrorType::Protocol) {
+    return error_reply(RpcError(type, tag, std::move(message)));
 }
 
 NC_WD_MODE with_defaults(const lyd_node* rpc) {
@@ -203,7 +162,7 @@ nc_server_reply* guarded(lyd_node* rpc, nc_session* session, Operation operation
     try {
         return operation(rpc, nc_session_get_id(session));
     } catch (const std::exception& e) {
-        return failure("operation-failed", std::string("internal error: ") + e.what(), "application");
+        return failure(ErrorTag::OperationFailed, std::string("internal error: ") + e.what(), ErrorType::Application);
     }
 }
 
@@ -213,7 +172,8 @@ nc_server_reply* guarded(lyd_node* rpc, nc_session* session, Operation operation
 nc_server_reply* missing(const lyd_node* rpc, const char* parameter) {
     const std::string path =
         "/" + std::string(rpc->schema->module->name) + ":" + LYD_NAME(rpc) + "/" + parameter;
-    return error_reply(RpcError{"protocol", "missing-element", std::string("<") + parameter + "> is missing", path, 0});
+    return error_reply(
+        RpcError(ErrorType::Protocol, ErrorTag::MissingElement, std::string("<") + parameter + "> is missing", path, parameter));
 }
 
 bool names_running(const lyd_node* rpc, const char* parameter) {
@@ -224,7 +184,7 @@ bool names_running(const lyd_node* rpc, const char* parameter) {
 // running configuration; else the error reply.
 nc_server_reply* check_running(const lyd_node* rpc, const char* parameter, const char* refusal) {
     if (!find(rpc, parameter)) return missing(rpc, parameter);
-    if (!names_running(rpc, parameter)) return failure("operation-not-supported", refusal);
+    if (!names_running(rpc, parameter)) return failure(ErrorTag::OperationNotSupported, refusal);
     return nullptr;
 }
 
@@ -242,7 +202,7 @@ const lyd_node* config_source(const lyd_node* rpc, bool& running, nc_server_repl
     }
     const lyd_node* config = find(rpc, "source/config");
     if (!config)
-        error = failure("operation-not-supported", "the source must be the running configuration or inline <config>");
+        error = failure(ErrorTag::OperationNotSupported, "the source must be the running configuration or inline <config>");
     return config;
 }
 
@@ -306,7 +266,7 @@ public:
         try {
             return data_reply(rpc, apply(std::move(data)), with_defaults(rpc));
         } catch (const XPathError& e) {
-            return failure("invalid-value", e.what());
+            return failure(ErrorTag::InvalidValue, e.what());
         }
     }
 
@@ -384,15 +344,16 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
         Tree data(reading.running);
         if (state) {
             if (!reading.state)
-                return failure("operation-failed", "the state data could not be read from the platform", "application");
+                return failure(ErrorTag::OperationFailed, "the state data could not be read from the platform",
+                               ErrorType::Application);
             lyd_node* tree = nullptr;
             if (!reading.state->empty() &&
                 lyd_parse_data_mem(ctx, reading.state->c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_STRICT, 0, &tree) !=
                     LY_SUCCESS)
-                return failure("operation-failed",
+                return failure(ErrorTag::OperationFailed,
                                std::string("the platform's state data does not fit the data model: ") +
                                    (ly_errmsg(ctx) ? ly_errmsg(ctx) : "unknown error"),
-                               "application");
+                               ErrorType::Application);
             append(data, tree);
         }
         if (reaches(kDaemonModule)) append(data, platform_data(reading.platform).release());
@@ -420,14 +381,31 @@ nc_server_reply* edit_reply(const std::optional<RpcError>& error) {
     return error ? error_reply(*error) : nc_server_reply_ok();
 }
 
+// The content of an anyxml <config> as a tree: as libyang parsed it with
+// the request, or (a textual value) read now into `owned`.
+const lyd_node* config_tree(const lyd_node* any, engine::ParsedXml& owned) {
+    const auto* node = reinterpret_cast<const lyd_node_any*>(any);
+    if (node->value_type == LYD_ANYDATA_DATATREE) return node->value.tree;
+    owned = g_service->datastore.parse(any_text(any));
+    return owned.tree.get();
+}
+
+// Applies an inline <config> to the running configuration.
+nc_server_reply* edit_with(const lyd_node* config, std::uint32_t sid, engine::DefaultOperation default_operation,
+                           TestOption test) {
+    engine::ParsedXml owned;
+    const lyd_node* tree = config_tree(config, owned);
+    if (owned.error) return error_reply(*owned.error);
+    return edit_reply(g_service->datastore.edit(sid, EditRequest{tree, default_operation, test}));
+}
+
 nc_server_reply* op_edit_config(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
         if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be edited"))
             return error;
         const lyd_node* config = find(rpc, "config");
         if (!config) return missing(rpc, "config");
-        const std::string text = any_text(config);
-        return edit_reply(g_service->datastore.edit(sid, EditRequest{text, default_operation(rpc), test_option(rpc)}));
+        return edit_with(config, sid, default_operation(rpc), test_option(rpc));
     });
 }
 
@@ -439,9 +417,7 @@ nc_server_reply* op_copy_config(lyd_node* rpc, nc_session* session) {
         nc_server_reply* error = nullptr;
         const lyd_node* config = config_source(rpc, running, error);
         if (!config) return running ? nc_server_reply_ok() : error;
-        const std::string text = any_text(config);
-        return edit_reply(
-            g_service->datastore.edit(sid, EditRequest{text, engine::DefaultOperation::Replace, TestOption::TestThenSet}));
+        return edit_with(config, sid, engine::DefaultOperation::Replace, TestOption::TestThenSet);
     });
 }
 
@@ -451,7 +427,10 @@ nc_server_reply* op_validate(lyd_node* rpc, nc_session* session) {
         nc_server_reply* error = nullptr;
         const lyd_node* config = config_source(rpc, running, error);
         if (!config) return running ? nc_server_reply_ok() : error;
-        return edit_reply(g_service->datastore.validate(any_text(config)));
+        engine::ParsedXml owned;
+        const lyd_node* tree = config_tree(config, owned);
+        if (owned.error) return error_reply(*owned.error);
+        return edit_reply(g_service->datastore.validate(tree));
     });
 }
 
@@ -464,7 +443,7 @@ nc_server_reply* op_lock(lyd_node* rpc, nc_session* session) {
         const std::string message = holder == sid ? "this session already holds the lock of the running configuration"
                                                   : "the running configuration is locked by session " +
                                                         std::to_string(holder);
-        return error_reply(RpcError{"protocol", "lock-denied", message, {}, 0}, holder);
+        return error_reply(RpcError(ErrorType::Protocol, ErrorTag::LockDenied, message), holder);
     });
 }
 
@@ -473,7 +452,7 @@ nc_server_reply* op_unlock(lyd_node* rpc, nc_session* session) {
         if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be unlocked"))
             return error;
         if (g_service->datastore.unlock(sid)) return nc_server_reply_ok();
-        return failure("operation-failed", "this session does not hold the lock of the running configuration");
+        return failure(ErrorTag::OperationFailed, "this session does not hold the lock of the running configuration");
     });
 }
 
@@ -482,8 +461,8 @@ nc_server_reply* op_kill_session(lyd_node* rpc, nc_session* session) {
         if (!find(rpc, "session-id")) return missing(rpc, "session-id");
         const std::string id_text(value_of(rpc, "session-id"));
         const auto id = static_cast<std::uint32_t>(std::strtoul(id_text.c_str(), nullptr, 10));
-        if (id == sid) return failure("invalid-value", "a session cannot kill itself; use <close-session>");
-        if (!g_service->sessions.kill(id, sid)) return failure("invalid-value", "there is no session " + id_text);
+        if (id == sid) return failure(ErrorTag::InvalidValue, "a session cannot kill itself; use <close-session>");
+        if (!g_service->sessions.kill(id, sid)) return failure(ErrorTag::InvalidValue, "there is no session " + id_text);
         g_service->datastore.session_ended(id);
         if (g_service->wake) g_service->wake();
         return nc_server_reply_ok();
@@ -499,7 +478,7 @@ nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
         const std::string version(value_of(rpc, "version"));
         const std::string_view format = identity_name(value_of(rpc, "format", "yang"));
         if (format != "yang" && format != "yin")
-            return failure("invalid-value", "the schema format must be yang or yin", "application");
+            return failure(ErrorTag::InvalidValue, "the schema format must be yang or yin", ErrorType::Application);
         const LYS_OUTFORMAT out_format = format == "yin" ? LYS_OUT_YIN : LYS_OUT_YANG;
 
         const lys_module* module = nullptr;
@@ -517,15 +496,15 @@ nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
             found = submodule ? 1 : 0;
         }
         if (found > 1) {
-            RpcError error{"application", "operation-failed",
-                           "more than one version of " + identifier + " is served; name the version", {}, 0};
+            RpcError error(ErrorType::Application, ErrorTag::OperationFailed,
+                           "more than one version of " + identifier + " is served; name the version");
             lyd_node* err = make_error(ctx, error);
             nc_err_set_app_tag(err, "data-not-unique");
             return nc_server_reply_err(err);
         }
         if (!found)
-            return failure("invalid-value", "no schema " + identifier + (version.empty() ? "" : "@" + version),
-                           "application");
+            return failure(ErrorTag::InvalidValue, "no schema " + identifier + (version.empty() ? "" : "@" + version),
+                           ErrorType::Application);
 
         char* text = nullptr;
         if (module) {
@@ -541,7 +520,7 @@ nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
             }
         }
         CString owned(text);
-        if (!text) return failure("operation-failed", "cannot print schema " + identifier, "application");
+        if (!text) return failure(ErrorTag::OperationFailed, "cannot print schema " + identifier, ErrorType::Application);
 
         lyd_node* reply = nullptr;
         if (lyd_dup_single(rpc, nullptr, 0, &reply) != LY_SUCCESS) return nullptr;
@@ -555,7 +534,7 @@ nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
 
 nc_server_reply* op_not_supported(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
-        return failure("operation-not-supported", "tkav-netconfd does not implement <" + std::string(LYD_NAME(rpc)) + ">");
+        return failure(ErrorTag::OperationNotSupported, "tkav-netconfd does not implement <" + std::string(LYD_NAME(rpc)) + ">");
     });
 }
 

@@ -75,7 +75,9 @@ void withhold_features(ly_ctx* ctx) {
     }
 }
 
-ly_ctx* build_context(const Options& options, const std::string& model) {
+}  // namespace
+
+ly_ctx* build_context(const Options& options) {
     ly_ctx* ctx = nullptr;
     if (ly_ctx_new(options.ietf_yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
         throw ServerError("cannot create the schema context with " + options.ietf_yang_dir);
@@ -89,24 +91,20 @@ ly_ctx* build_context(const Options& options, const std::string& model) {
     // Every feature of ietf-netconf is compiled, so that every operation and
     // parameter of the protocol parses and the daemon answers those it does
     // not serve with operation-not-supported (libnetconf2 would answer an
-    // unknown element with operation-failed); withhold_features() keeps
-    // them from being announced.
+    // unknown element with operation-failed); the server withholds them from
+    // being announced once the context is complete (withhold_features()).
     const char* netconf_features[] = {"*", nullptr};
     load("ietf-netconf", netconf_features);
     load("ietf-netconf-monitoring", nullptr);
     load("ietf-netconf-with-defaults", nullptr);
-    if (ly_ctx_set_searchdir(ctx, options.yang_dir.c_str()) != LY_SUCCESS) {
-        ly_ctx_destroy(ctx);
-        throw ServerError("cannot read the data model directory " + options.yang_dir);
-    }
-    load(model.c_str(), nullptr);
     if (lys_parse_mem(ctx, kDaemonModuleText, LYS_IN_YANG, nullptr) != LY_SUCCESS) {
         ly_ctx_destroy(ctx);
         throw ServerError("cannot load the daemon's YANG module");
     }
-    withhold_features(ctx);
     return ctx;
 }
+
+namespace {
 
 // The <hello> of libnetconf2 lists only YANG 1.0 modules (YANG 1.1 modules
 // are announced through ietf-yang-library). Clients look for the served
@@ -487,14 +485,13 @@ struct Server::Impl {
     std::unique_ptr<UnixListener> unix_listener;
 
     Impl(const Options& opts, Datastore& datastore)
-        : options(opts), host_key(opts.host_key_path()), service{datastore, nullptr, {}, {}} {}
+        : options(opts), host_key(opts.host_key_path()), service{datastore, datastore.context(), {}, {}} {}
 
     ~Impl() {
         unix_listener.reset();
         descriptors.reset();
         ssh_sessions.reset();
         if (initialised) nc_server_destroy();
-        if (service.context) ly_ctx_destroy(service.context);
     }
 
     void ssh_worker() {
@@ -557,7 +554,8 @@ Server::Server(const Options& options, Datastore& datastore) : impl_(std::make_u
     nc_verbosity(static_cast<NC_VERB_LEVEL>(std::min(options.verbosity, 3)));
     Impl& impl = *impl_;
     try {
-        impl.service.context = build_context(options, datastore.model_name());
+        // The datastore has loaded the data model: the context is complete.
+        withhold_features(impl.service.context);
         detail::install_operations(impl.service);
         if (nc_server_init(impl.service.context) != 0) throw ServerError("cannot initialise the NETCONF server");
         detail::refuse_unserved_operations(impl.service);

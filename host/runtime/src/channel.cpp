@@ -15,9 +15,10 @@ struct State {
     RecordingPlatform builtin;
     Platform* current = nullptr;
     Delivery mode = Delivery::Deliver;
-    bool journaling = true;
+    bool journaling = false;
     Journal journal;
     std::vector<CachedLine> pending;
+    CallRecord* record = nullptr;
 };
 
 State& state() {
@@ -49,6 +50,8 @@ Platform& platform() { return state().current ? *state().current : state().built
 RecordingPlatform& default_platform() { return state().builtin; }
 
 void set_delivery(Delivery mode) { state().mode = mode; }
+void set_call_record(CallRecord* record) { state().record = record; }
+CallRecord* call_record() { return state().record; }
 Delivery delivery() { return state().mode; }
 
 Journal& journal() { return state().journal; }
@@ -65,6 +68,7 @@ void reset() {
     s.journaling = true;
     s.journal = Journal{};
     s.pending.clear();
+    s.record = nullptr;
     release_texts();
 }
 
@@ -91,10 +95,26 @@ extern "C" void api_script_clear_lines(void) {
 extern "C" int transapi_comm_with_qmx(msg_dp_qmx_head_t header, unsigned int cmd_op, msg_to_dp_t** reply,
                                       struct nc_err** /*error*/, void* origin) {
     auto& s = tavrik::runtime::state();
-    if (!s.journaling && header.msg_type == API_DP2QMX_CMD_CONFIG) {
-        // Nothing to keep: the pending lines go to the platform as they are.
-        const int result = s.mode == Delivery::Deliver ? platform().deliver(s.pending, cmd_op) : 0;
+    if (header.msg_type == API_DP2QMX_CMD_CONFIG) {
+        Message message{std::move(s.pending), cmd_op, 0, false};
         s.pending.clear();
+        if (s.mode == Delivery::Deliver) {
+            message.delivered = true;
+            message.result = platform().deliver(message.lines, cmd_op);
+        }
+        const int result = message.result;
+        if (s.journaling) {
+            Send send;
+            std::memcpy(send.header.data(), &header, sizeof header);
+            send.msg_type = header.msg_type;
+            send.cmd_op = cmd_op;
+            if (origin != nullptr) send.origin = static_cast<const char*>(origin);
+            send.lines = message.lines;
+            send.result = result;
+            send.delivered = message.delivered;
+            s.journal.sends.push_back(std::move(send));
+        }
+        if (s.record) s.record->messages.push_back(std::move(message));
         return result;
     }
     Send send;
@@ -102,15 +122,7 @@ extern "C" int transapi_comm_with_qmx(msg_dp_qmx_head_t header, unsigned int cmd
     send.msg_type = header.msg_type;
     send.cmd_op = cmd_op;
     if (origin != nullptr) send.origin = static_cast<const char*>(origin);
-
-    if (header.msg_type == API_DP2QMX_CMD_CONFIG) {
-        send.lines = std::move(s.pending);
-        s.pending.clear();
-        if (s.mode == Delivery::Deliver) {
-            send.delivered = true;
-            send.result = platform().deliver(send.lines, cmd_op);
-        }
-    } else if (header.msg_type == API_DP2QMX_NC_STATE || header.msg_type == API_DP2QMX_GET_CONFIG) {
+    if (header.msg_type == API_DP2QMX_NC_STATE || header.msg_type == API_DP2QMX_GET_CONFIG) {
         DocumentReply answer = platform().document(header.msg_type);
         send.result = answer.result;
         if (answer.with_reply && reply != nullptr) {
@@ -128,7 +140,7 @@ extern "C" int transapi_comm_with_qmx(msg_dp_qmx_head_t header, unsigned int cmd
     } else {
         send.result = -1;  // this channel carries no other message type
     }
-    int result = send.result;
+    const int result = send.result;
     if (s.journaling) s.journal.sends.push_back(std::move(send));
     return result;
 }

@@ -47,6 +47,7 @@ using namespace tavrik::runtime;
 
 extern "C" XMLDIFF_OP transapi_transform_op(XMLDIFF_OP op) {
     if (journaling()) ++journal().transforms;
+    if (CallRecord* record = call_record()) ++record->transforms;
     return static_cast<XMLDIFF_OP>(op & (XMLDIFF_ADD | XMLDIFF_REM | XMLDIFF_MOD | XMLDIFF_CHAIN));
 }
 

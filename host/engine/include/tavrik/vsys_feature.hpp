@@ -6,8 +6,8 @@
 // removed vsys entry (their rows have priority 0 or screen the removed vsys).
 // A host that has no such feature lets its platform stand in for it: the
 // platform implements VsysFeature beside tavrik::runtime::Platform, and the
-// engine finds it on the runtime's current platform (dynamic_cast). A
-// platform without it is told nothing.
+// host hands it to the engine (Engine::set_vsys_feature). Without one,
+// nothing is told.
 //
 // Header only: a platform needs no more of the engine than this.
 #pragma once

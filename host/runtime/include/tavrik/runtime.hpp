@@ -7,8 +7,10 @@
 //   - give each callback a data handle that answers parent-operation look-ups,
 //   - plug in the platform that receives delivered lines and answers document
 //     requests,
-//   - choose whether sends are delivered or only recorded (dry runs),
-//   - read a journal of everything the module did.
+//   - choose whether sends are delivered or only recorded,
+//   - learn per callback what it sent and whether its wrapper let the change
+//     through (a CallRecord the host installs),
+//   - for tests only: read a journal of everything the module did.
 //
 // The runtime is single-threaded by design, like the server it stands in for:
 // one edit or read at a time. Hosts that serve several clients serialise.
@@ -114,12 +116,37 @@ RecordingPlatform& default_platform();
 
 enum class Delivery {
     Deliver,     // type-1 sends reach the platform
-    RecordOnly,  // type-1 sends are journaled and answered 0; nothing delivered
+    RecordOnly,  // type-1 sends are recorded (call record, journal) and answered 0; nothing delivered
 };
 void set_delivery(Delivery mode);
 Delivery delivery();
 
-// ---- journal -------------------------------------------------------------
+// ---- call record (for the host) -----------------------------------------
+
+// One type-1 send: the lines cached since the previous send, with its
+// command op.
+struct Message {
+    std::vector<CachedLine> lines;
+    unsigned cmd_op = 0;
+    int result = 0;          // the platform's result; 0 when only recorded
+    bool delivered = false;  // the platform received it
+};
+
+// What the callbacks a host runs do through the channel, appended while the
+// record is installed: every type-1 send in order, and the number of
+// transapi_transform_op calls (a wrapper calls it when it lets a change
+// through to its handler). A host notes the sizes before a call to tell
+// what that call did.
+struct CallRecord {
+    std::vector<Message> messages;
+    int transforms = 0;
+};
+
+// The record the channel appends to; null (the default): none.
+void set_call_record(CallRecord* record);
+CallRecord* call_record();
+
+// ---- journal (a test observer) --------------------------------------------
 
 struct Send {
     std::array<std::uint8_t, sizeof(msg_dp_qmx_head_t)> header{};
@@ -151,10 +178,9 @@ struct Journal {
 Journal& journal();
 void reset_journal();
 
-// Journaling is on at load and after reset(). Off, the runtime keeps no
-// journal at all (lines still reach the platform): for benchmarks of the
-// module, whose loops would otherwise grow it without bound. The engine reads
-// the journal and needs it on.
+// Journaling is off at load: production hosts neither pay for the journal
+// nor read it. reset() turns it on (tests call reset() first); off again,
+// the runtime keeps no journal at all and lines still reach the platform.
 void set_journaling(bool on);
 bool journaling();
 
@@ -174,8 +200,9 @@ inline ErrorPtr take_error(nc_err*& error) {
     return owned;
 }
 
-// Restores the runtime to its state at load: journal, journaling, pending
-// lines, mode, platform, default platform's scripted answers.
+// Restores the runtime for a test: journal emptied and journaling on,
+// pending lines, mode, platform, call record and the default platform's
+// scripted answers as at load.
 void reset();
 
 }  // namespace tavrik::runtime

@@ -31,12 +31,16 @@ struct DatastoreOptions {
     std::string yang_dir;
     std::string state_dir;     // empty: nothing persists
     bool sync_writes = false;  // flush each commit to disk
+    // The server's schema context (IETF NETCONF modules; the model is
+    // loaded into it when missing); it outlives the datastore. Null: the
+    // engine makes its own.
+    ly_ctx* context = nullptr;
 };
 
 enum class TestOption { TestThenSet, Set, TestOnly };
 
 struct EditRequest {
-    std::string_view config;  // content of <config>, XML text
+    const lyd_node* config = nullptr;  // content of <config> as libyang parsed it, in context(); null: empty
     engine::DefaultOperation default_operation = engine::DefaultOperation::Merge;
     TestOption test_option = TestOption::TestThenSet;
 };
@@ -101,11 +105,18 @@ public:
     // another session holds the lock.
     std::optional<RpcError> edit(std::uint32_t session, const EditRequest& request);
 
-    // Checks a complete configuration as a replacement of the running one:
-    // the model's rules and the module's checks; nothing changes.
-    std::optional<RpcError> validate(std::string_view config);
+    // Checks a complete configuration (content of <config>, as for edit())
+    // as a replacement of the running one: the model's rules and the
+    // module's checks; nothing changes.
+    std::optional<RpcError> validate(const lyd_node* config);
+
+    // XML text read as the server reads <config> (Engine::parse).
+    engine::ParsedXml parse(std::string_view xml) const;
 
     Reading read(const ly_ctx* target, const ReadRequest& request = {});
+
+    // The schema context of the running configuration and of edits.
+    ly_ctx* context() const;
 
     static constexpr std::size_t kRecentLines = 1000;
 

@@ -7,6 +7,8 @@
 #pragma once
 
 #include <memory>
+
+#include <libyang/libyang.h>
 #include <stdexcept>
 
 #include "tavrik/netconf/datastore.hpp"
@@ -19,10 +21,16 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// The schema context of the server: the IETF NETCONF modules and the
+// daemon's own module; the datastore's engine adds the data model. The
+// caller destroys it (ly_ctx_destroy) after the datastore and the server.
+// Throws ServerError.
+ly_ctx* build_context(const Options& options);
+
 class Server {
 public:
-    // Builds the schema context (IETF NETCONF modules and the module's data
-    // model), initialises libnetconf2 and opens the endpoints of `options`
+    // Serves the datastore's schema context (built with build_context()):
+    // initialises libnetconf2 and opens the endpoints of `options`
     // (generating the SSH host key when it does not exist). Throws
     // ServerError with a message for the operator when that fails.
     Server(const Options& options, Datastore& datastore);

@@ -33,7 +33,7 @@ protected:
     }
     // The state document without its XML declaration, or "-".
     std::string readState(xmlDocPtr model = nullptr, xmlDocPtr running = nullptr) {
-        xmlDocPtr doc = Module::get().fn<xmlDocPtr (*)(xmlDocPtr, xmlDocPtr, nc_err**)>("get_state_data")(model, running, &error_);
+        xmlDocPtr doc = exported<xmlDocPtr (*)(xmlDocPtr, xmlDocPtr, nc_err**)>("get_state_data")(model, running, &error_);
         if (doc == nullptr) return "-";
         xmlChar* text = nullptr;
         int size = 0;
@@ -45,7 +45,7 @@ protected:
         return std::regex_replace(s, std::regex("^<\\?xml version=\"1.0\"\\?>\n|\n$"), "");
     }
     std::string readConfig(NC_DATASTORE target = NC_DATASTORE_RUNNING) {
-        char* text = Module::get().fn<char* (*)(void*, NC_DATASTORE, nc_err**)>("perform_getconfig")(nullptr, target, &error_);
+        char* text = exported<char* (*)(void*, NC_DATASTORE, nc_err**)>("perform_getconfig")(nullptr, target, &error_);
         std::string r = text ? text : "-";
         free(text);
         return r;
@@ -75,7 +75,7 @@ TEST_F(Datastore, ByDeviceModel) {
         SCOPED_TRACE(c.where);
         setModel(c.columns[0]);
         const int enabled = std::stoi(c.columns[1]);
-        EXPECT_EQ(Module::get().fn<int (*)()>("av_func_enable")(), enabled);
+        EXPECT_EQ(exported<int (*)()>("av_func_enable")(), enabled);
         EXPECT_EQ(readState(), column(c, 2));
         expectTraffic(enabled, enabled, API_DP2QMX_NC_STATE);
         for (NC_DATASTORE target : kTargets) {
@@ -85,7 +85,7 @@ TEST_F(Datastore, ByDeviceModel) {
     }
     setModel("KX-11");
     model_[4] = '0';  // the server rewrites its text in place: read at every call
-    EXPECT_EQ(Module::get().fn<int (*)()>("av_func_enable")(), 1);
+    EXPECT_EQ(exported<int (*)()>("av_func_enable")(), 1);
 }
 
 TEST_F(Datastore, StateDataAndRunningConfigurationFromEveryKindOfReply) {
@@ -111,7 +111,7 @@ TEST_F(Datastore, StateDataAndRunningConfigurationFromEveryKindOfReply) {
 }
 
 TEST_F(Datastore, CopyConfigTouchesNothing) {
-    auto copyconfig = Module::get().fn<int (*)(void*, NC_DATASTORE, NC_DATASTORE, char*, nc_err**)>("perform_copyconfig");
+    auto copyconfig = exported<int (*)(void*, NC_DATASTORE, NC_DATASTORE, char*, nc_err**)>("perform_copyconfig");
     char config[] = "<antivirus/>";
     nc_err existing{NC_ERR_OP_FAILED, 1, "earlier", "/"};
     nc_err* error = &existing;
@@ -128,7 +128,7 @@ TEST_F(Datastore, CopyConfigTouchesNothing) {
 TEST_F(Datastore, ReadsOfAModelWithoutTheFeatureTraceOnlyWithTheDebugSwitch) {
     setModel("KX-13");
     for (unsigned char debug : {0, 1}) {
-        Module::get().debug() = debug;
+        debugSwitch() = debug;
         testing::internal::CaptureStdout();
         readState();
         readConfig();

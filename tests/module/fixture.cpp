@@ -10,7 +10,7 @@ std::string profileTree(const std::string& body, const char* vsys, const char* p
 
 void ModuleTest::SetUp() {
     tavrik::runtime::reset();
-    Module::get().debug() = 0;
+    debugSwitch() = 0;
 }
 
 void ModuleTest::clearError() {
@@ -21,7 +21,7 @@ void ModuleTest::clearError() {
 int ModuleTest::call(const char* name, xmlNodePtr node, int op, const ScriptedParents& parents) {
     clearError();
     void* handle = const_cast<ScriptedParents*>(&parents);
-    return Module::get().callback(name)(&handle, static_cast<XMLDIFF_OP>(op), node, &error_);
+    return callback(name)(&handle, static_cast<XMLDIFF_OP>(op), node, &error_);
 }
 
 void ModuleTest::expectHeader(const tavrik::runtime::Send& send, unsigned msgType) {

@@ -9,7 +9,7 @@ namespace {
 
 template <class T>
 const T& descriptor(const char* name) {
-    return *Module::get().fn<const T*>(name);
+    return *exported<const T*>(name);
 }
 
 TEST(Descriptors, AsTheServerReadsThem) {
@@ -31,7 +31,7 @@ TEST(Descriptors, AsTheServerReadsThem) {
         EXPECT_EQ(members[i], reinterpret_cast<const void* const*>(&expected)[i]) << "custom_funcs member " << i;
     xmlDoc doc{};
     xmlDocPtr running = &doc;
-    EXPECT_EQ(Module::get().fn<int (*)(xmlDocPtr*)>("transapi_init")(&running), 0);
+    EXPECT_EQ(exported<int (*)(xmlDocPtr*)>("transapi_init")(&running), 0);
     EXPECT_EQ(running, &doc);
 }
 
@@ -44,10 +44,10 @@ TEST_F(CallbackRows, WrappersLetTheirHalfThroughAndNoOpsTouchNothing) {
     Tree bare("<x/>");
     int wrappers = 0;
     for (int i = 0; i < table.callbacks_count; ++i) {
-        const std::string name = Module::get().nameOf(reinterpret_cast<const void*>(table.callbacks[i].func));
+        const std::string name = exportedName(reinterpret_cast<const void*>(table.callbacks[i].func));
         SCOPED_TRACE(name);
         const std::string half = name.substr(name.rfind('_') + 1), handler = name.substr(0, name.rfind('_'));
-        const bool wrapper = (half == "ADD" || half == "Delete") && Module::get().sym(handler.c_str()) != nullptr;
+        const bool wrapper = (half == "ADD" || half == "Delete") && symbol(handler.c_str()) != nullptr;
         wrappers += wrapper;
         for (int op : {REM | ADD, 0, ADD, MOD, CHAIN, ADD | MOD | CHAIN | 16, REM, REM | CHAIN | 32}) {
             SCOPED_TRACE(op);

@@ -9,10 +9,6 @@
 namespace tktest {
 namespace {
 
-template <class F>
-F fn(const char* name) {
-    return Module::get().fn<F>(name);
-}
 
 // A row's inputs, decoded, each with room to grow in place; "-" is null.
 struct Inputs {
@@ -30,59 +26,59 @@ const std::map<std::string, std::pair<size_t, std::function<Outputs(Inputs&)>>> 
          char dst[256];
          std::memset(dst, 'Z', sizeof dst - 1);
          dst[sizeof dst - 1] = '\0';
-         char* trimmed = fn<char* (*)(const char*, char*, int)>("AV_Strstrip")(in.text(0), dst, in.number(1));
+         char* trimmed = exported<char* (*)(const char*, char*, int)>("AV_Strstrip")(in.text(0), dst, in.number(1));
          EXPECT_TRUE(trimmed == dst || dst[0] == 'Z') << "destination touched on failure";
          return Outputs{trimmed == dst ? std::string(dst) : "-"};
      }}},
     {"AV_remove_prefix", {2, [](Inputs& in) {
          char dst[32] = {};
-         int r = fn<int (*)(char*, int, char*, int)>("AV_remove_prefix")(in.text(0), in.number(1), dst, sizeof dst);
+         int r = exported<int (*)(char*, int, char*, int)>("AV_remove_prefix")(in.text(0), in.number(1), dst, sizeof dst);
          return Outputs{std::to_string(r), dst};
      }}},
     {"AV_IsContainedSpaces", {1, [](Inputs& in) {
-         return Outputs{std::to_string(fn<unsigned (*)(const char*)>("AV_IsContainedSpaces")(in.text(0)))};
+         return Outputs{std::to_string(exported<unsigned (*)(const char*)>("AV_IsContainedSpaces")(in.text(0)))};
      }}},
     {"AV_IsContainedSpacesMarks", {1, [](Inputs& in) {
          in.value[0].resize(in.value[0].size() * 3 + 1, '\0');
-         unsigned r = fn<unsigned (*)(char*)>("AV_IsContainedSpacesMarks")(in.text(0));
+         unsigned r = exported<unsigned (*)(char*)>("AV_IsContainedSpacesMarks")(in.text(0));
          return Outputs{std::to_string(r), in.value[0].c_str()};
      }}},
     {"AV_netconf_checkNodeName", {1, [](Inputs& in) {
          char tmp[128] = {}, name[128] = "untouched";
-         auto check = fn<unsigned (*)(const char*, char*, char*, unsigned)>("AV_netconf_checkNodeName");
+         auto check = exported<unsigned (*)(const char*, char*, char*, unsigned)>("AV_netconf_checkNodeName");
          return Outputs{std::to_string(check(in.text(0), tmp, name, sizeof name)), name};
      }}},
     {"AV_ApiAtoi", {2, [](Inputs& in) {
-         auto atoi = fn<unsigned (*)(unsigned char*, unsigned)>("AV_ApiAtoi");
+         auto atoi = exported<unsigned (*)(unsigned char*, unsigned)>("AV_ApiAtoi");
          return Outputs{std::to_string(atoi(reinterpret_cast<unsigned char*>(in.text(0)), in.number(1)))};
      }}},
     {"AV_CheckProtocolAndGetValid", {1, [](Inputs& in) {
          char dst[32] = "-";
-         unsigned r = fn<unsigned (*)(const char*, char*, unsigned)>("AV_CheckProtocolAndGetValid")(in.text(0), dst, 32);
+         unsigned r = exported<unsigned (*)(const char*, char*, unsigned)>("AV_CheckProtocolAndGetValid")(in.text(0), dst, 32);
          return Outputs{std::to_string(r), r == 0 ? dst : "-"};
      }}},
     // Each direction and action admitted or not; both together only when each is.
     {"detection matrix", {1, [](Inputs& in) {
          Outputs admitted(2);
          for (std::string d : kDirections)
-             admitted[0] += fn<unsigned (*)(char*, char*)>("AV_CheckDetectDirConfig")(d.data(), in.text(0)) ? 'N' : 'Y';
+             admitted[0] += exported<unsigned (*)(char*, char*)>("AV_CheckDetectDirConfig")(d.data(), in.text(0)) ? 'N' : 'Y';
          for (std::string a : kActions)
-             admitted[1] += fn<unsigned (*)(char*, char*)>("AV_CheckDetectActionConfig")(a.data(), in.text(0)) ? 'N' : 'Y';
+             admitted[1] += exported<unsigned (*)(char*, char*)>("AV_CheckDetectActionConfig")(a.data(), in.text(0)) ? 'N' : 'Y';
          for (size_t d = 0; d < std::size(kDirections); ++d)
              for (size_t a = 0; a < std::size(kActions); ++a) {
                  std::string dir = kDirections[d], act = kActions[a];
-                 EXPECT_EQ(fn<unsigned (*)(char*, char*, char*)>("AV_CheckDetectConfig")(dir.data(), act.data(), in.text(0)),
+                 EXPECT_EQ(exported<unsigned (*)(char*, char*, char*)>("AV_CheckDetectConfig")(dir.data(), act.data(), in.text(0)),
                            admitted[0][d] == 'Y' && admitted[1][a] == 'Y' ? 0u : 1u) << dir << " / " << act;
              }
          return admitted;
      }}},
     {"AV_GetInputMatchType", {1, [](Inputs& in) {
          unsigned type = 99;
-         fn<void (*)(char*, unsigned*)>("AV_GetInputMatchType")(in.text(0), &type);
+         exported<void (*)(char*, unsigned*)>("AV_GetInputMatchType")(in.text(0), &type);
          return Outputs{std::to_string(type)};
      }}},
     {"AV_MatchTypeCorrect", {2, [](Inputs& in) {
-         return Outputs{std::to_string(fn<unsigned (*)(char*, char*)>("AV_MatchTypeCorrect")(in.text(0), in.text(1)))};
+         return Outputs{std::to_string(exported<unsigned (*)(char*, char*)>("AV_MatchTypeCorrect")(in.text(0), in.text(1)))};
      }}},
     {"child readers", {4, [](Inputs& in) {
          std::string xml = in.value[3];
@@ -91,7 +87,7 @@ const std::map<std::string, std::pair<size_t, std::function<Outputs(Inputs&)>>> 
          Tree tree(xml);
          char first[32] = "old", second[32] = "old";
          using Reader = void (*)(xmlNodePtr, char*, unsigned, char*, unsigned);
-         fn<Reader>(in.value[0].c_str())(tree.root(), first, sizeof first, second, sizeof second);
+         exported<Reader>(in.value[0].c_str())(tree.root(), first, sizeof first, second, sizeof second);
          return Outputs{first, second};
      }}},
 };
@@ -119,19 +115,19 @@ TEST(ValueRules, AsTheTablesSay) {
 
 TEST(ValueRules, NullDestinationsAreRefusedAndNoRoomWritesNothing) {
     char in[] = "x:http", guard[4] = {'G', 'G', 'G', 'G'};
-    EXPECT_EQ(fn<char* (*)(const char*, char*, int)>("AV_Strstrip")("a", nullptr, 4), nullptr);
-    auto removePrefix = fn<int (*)(char*, int, char*, int)>("AV_remove_prefix");
+    EXPECT_EQ(exported<char* (*)(const char*, char*, int)>("AV_Strstrip")("a", nullptr, 4), nullptr);
+    auto removePrefix = exported<int (*)(char*, int, char*, int)>("AV_remove_prefix");
     EXPECT_EQ(removePrefix(in, 6, nullptr, 32), 1);
     EXPECT_EQ(removePrefix(in, 6, guard + 1, 0), 0);
     EXPECT_EQ(std::string(guard, 4), "GGGG");
     char http[] = "http", alert[] = "alert", small[4];
-    EXPECT_EQ(fn<unsigned (*)(char*, char*, char*)>("AV_CheckDetectConfig")(nullptr, alert, http), 1u);
-    EXPECT_EQ(fn<unsigned (*)(char*, char*, char*)>("AV_CheckDetectConfig")(http, nullptr, http), 1u);
-    auto protocol = fn<unsigned (*)(const char*, char*, unsigned)>("AV_CheckProtocolAndGetValid");
+    EXPECT_EQ(exported<unsigned (*)(char*, char*, char*)>("AV_CheckDetectConfig")(nullptr, alert, http), 1u);
+    EXPECT_EQ(exported<unsigned (*)(char*, char*, char*)>("AV_CheckDetectConfig")(http, nullptr, http), 1u);
+    auto protocol = exported<unsigned (*)(const char*, char*, unsigned)>("AV_CheckProtocolAndGetValid");
     EXPECT_EQ(protocol("smtp", small, sizeof small), 1u) << "must be shorter than the destination";
     EXPECT_EQ(protocol("nfs", small, sizeof small), 0u);
     EXPECT_EQ(protocol("http", nullptr, 32), 1u);
-    const auto* keywords = static_cast<const char* const*>(Module::get().sym("g_acAvMatchType"));
+    const auto* keywords = static_cast<const char* const*>(symbol("g_acAvMatchType"));
     ASSERT_NE(keywords, nullptr);
     EXPECT_EQ(std::vector<std::string>(keywords, keywords + 4), (std::vector<std::string>{"prefix", "suffix", "fuzzy", "exact"}));
 }

@@ -7,29 +7,29 @@
 
 namespace tktest {
 
-Module& Module::get() {
-    static Module module;
-    return module;
-}
+namespace {
 
-Module::Module() {
+void* handle() {
     // The module finds the server functions in the runtime this program
     // links: its needed entry names the runtime's SONAME, already loaded.
     static void (*volatile const linked)() = &tavrik::runtime::reset;
     static_cast<void>(linked);
-    handle_ = dlopen(TAVRIK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-    if (handle_ == nullptr) throw std::runtime_error(dlerror());
+    static void* const loaded = dlopen(TAVRIK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+    if (loaded == nullptr) throw std::runtime_error(dlerror());
+    return loaded;
 }
 
-void* Module::sym(const char* name) const { return dlsym(handle_, name); }
+}  // namespace
 
-void* Module::require(const char* name) const {
-    void* p = sym(name);
+void* symbol(const char* name) { return dlsym(handle(), name); }
+
+void* required(const char* name) {
+    void* p = symbol(name);
     EXPECT_NE(p, nullptr) << name << " is not exported";
     return p;
 }
 
-std::string Module::nameOf(const void* address) const {
+std::string exportedName(const void* address) {
     Dl_info info{};
     if (dladdr(address, &info) == 0 || info.dli_sname == nullptr || info.dli_saddr != address) return "";
     return info.dli_sname;

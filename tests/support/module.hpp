@@ -1,5 +1,5 @@
-// The antivirus module, loaded the way the server loads it: dlopen, and
-// every symbol found by name.
+// The antivirus module of this build, loaded on first use the way the server
+// loads it: dlopen, and every symbol found by name.
 #pragma once
 
 #include <string>
@@ -10,26 +10,17 @@ namespace tktest {
 
 using Callback = int (*)(void**, XMLDIFF_OP, xmlNodePtr, nc_err**);
 
-class Module {
-public:
-    // The module of this build, loaded once per program.
-    static Module& get();
-
-    void* sym(const char* name) const;
-    // The symbol `name`; a test fails when it is not exported.
-    template <class F>
-    F fn(const char* name) const {
-        return reinterpret_cast<F>(require(name));
-    }
-    Callback callback(const char* name) const { return fn<Callback>(name); }
-    // The exported name at `address`, or "" when there is none.
-    std::string nameOf(const void* address) const;
-    unsigned char& debug() const { return *static_cast<unsigned char*>(require("g_ucAvApiDebug")); }
-
-private:
-    Module();
-    void* require(const char* name) const;
-    void* handle_ = nullptr;
-};
+// The symbol `name`, or null when the module does not export it.
+void* symbol(const char* name);
+// The symbol `name`; the running test fails when the module does not export it.
+void* required(const char* name);
+template <class T>
+T exported(const char* name) {
+    return reinterpret_cast<T>(required(name));
+}
+inline Callback callback(const char* name) { return exported<Callback>(name); }
+// The name the module exports at `address`, or "" when there is none.
+std::string exportedName(const void* address);
+inline unsigned char& debugSwitch() { return *exported<unsigned char*>("g_ucAvApiDebug"); }
 
 }  // namespace tktest

@@ -16,8 +16,8 @@ class Model : public ::testing::Test {
 protected:
     void SetUp() override {
         tavrik::runtime::reset();
-        table_ = tktest::Module::get().fn<const transapi_data_callbacks*>("clbks");
-        mapping_ = tktest::Module::get().fn<const ns_pair*>("namespace_mapping");
+        table_ = tktest::exported<const transapi_data_callbacks*>("clbks");
+        mapping_ = tktest::exported<const ns_pair*>("namespace_mapping");
         ASSERT_TRUE(table_ && mapping_);
         ASSERT_EQ(ly_ctx_new(TAVRIK_YANG_DIR, 0, &ctx_), LY_SUCCESS);
         model_ = ly_ctx_load_module(ctx_, "tavrik-antivirus", nullptr, nullptr);

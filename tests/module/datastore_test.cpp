@@ -33,7 +33,8 @@ protected:
     }
     // The state document without its XML declaration, or "-".
     std::string readState(xmlDocPtr model = nullptr, xmlDocPtr running = nullptr) {
-        xmlDocPtr doc = exported<xmlDocPtr (*)(xmlDocPtr, xmlDocPtr, nc_err**)>("get_state_data")(model, running, &error_);
+        xmlDocPtr doc =
+            exported<xmlDocPtr (*)(xmlDocPtr, xmlDocPtr, nc_err**)>("get_state_data")(model, running, &error_);
         if (doc == nullptr) return "-";
         xmlChar* text = nullptr;
         int size = 0;

@@ -28,12 +28,12 @@ inline const std::string kInProfile = "vsys/profiles/profile/";
 // What one call is to leave behind.
 struct Expected {
     enum Kind { Sent, Dropped, Refused, Quiet } kind = Quiet;
-    CachedLine line{};                        // Sent: the one line cached and sent
-    unsigned cmdOp = 0;                       // Sent
-    std::optional<std::string> origin{};      // Sent: the path string handed to the channel
-    std::string message{}, path{};            // Refused
-    int tag = 0;                              // Refused
-    int result = 0;                           // Quiet
+    CachedLine line{};                    // Sent: the one line cached and sent
+    unsigned cmdOp = 0;                   // Sent
+    std::optional<std::string> origin{};  // Sent: the path string handed to the channel
+    std::string message{}, path{};        // Refused
+    int tag = 0;                          // Refused
+    int result = 0;                       // Quiet
 };
 
 class ModuleTest : public ::testing::Test {

@@ -23,8 +23,8 @@ struct HandlerCall {
 };
 
 int parseOp(const std::string& text) {
-    static const std::map<std::string, int> names = {{"ADD", ADD},   {"REM", REM},       {"MOD", MOD},
-                                                     {"CHAIN", CHAIN}, {"SIBLING", XMLDIFF_SIBLING}};
+    static const std::map<std::string, int> names = {
+        {"ADD", ADD}, {"REM", REM}, {"MOD", MOD}, {"CHAIN", CHAIN}, {"SIBLING", XMLDIFF_SIBLING}};
     int op = 0;
     for (size_t start = 0; start < text.size();) {
         size_t end = std::min(text.find('+', start), text.size());
@@ -36,9 +36,20 @@ int parseOp(const std::string& text) {
 }
 
 int parseTag(const std::string& name) {
-    static const std::map<std::string, int> tags = {{"OP_FAILED", NC_ERR_OP_FAILED}, {"MISSING_ELEM", NC_ERR_MISSING_ELEM},
-                                                    {"BAD_ELEM", NC_ERR_BAD_ELEM}, {"UNKNOWN_ELEM", NC_ERR_UNKNOWN_ELEM}};
+    static const std::map<std::string, int> tags = {{"OP_FAILED", NC_ERR_OP_FAILED},
+                                                    {"MISSING_ELEM", NC_ERR_MISSING_ELEM},
+                                                    {"BAD_ELEM", NC_ERR_BAD_ELEM},
+                                                    {"UNKNOWN_ELEM", NC_ERR_UNKNOWN_ELEM}};
     return tags.at(name);
+}
+
+// `text` with $1, $2... replaced by the row's values.
+std::string substitute(std::string text, const std::vector<std::string>& values) {
+    for (size_t k = values.size(); k > 0; --k) {
+        const std::string mark = "$" + std::to_string(k);
+        for (size_t at; (at = text.find(mark)) != std::string::npos;) text.replace(at, mark.size(), values[k - 1]);
+    }
+    return text;
 }
 
 // Columns: op and parent ops ("REM 1:REM") | values $1, $2... | expected:
@@ -51,13 +62,12 @@ HandlerCall parse(const Case& c) {
     call.body = c.setting("tree");
     call.node = c.setting("node");
     std::vector<std::string> values;
-    for (size_t k = 1; k + 1 < c.columns.size(); ++k) values.push_back(decode(c.columns[k]));
-    for (size_t k = values.size(); k > 0; --k) {
-        const std::string mark = "$" + std::to_string(k);
+    for (size_t k = 1; k + 1 < c.columns.size(); ++k) {
+        values.push_back(decode(c.columns[k]));
         if (c.columns[k] == "-")
-            call.body = std::regex_replace(call.body, std::regex("<([\\w-]+)>\\" + mark + "</\\1>"), "");
-        for (size_t at; (at = call.body.find(mark)) != std::string::npos;) call.body.replace(at, mark.size(), values[k - 1]);
+            call.body = std::regex_replace(call.body, std::regex("<([\\w-]+)>\\$" + std::to_string(k) + "</\\1>"), "");
     }
+    call.body = substitute(call.body, values);
     call.inProfile = call.body.rfind("<antivirus>", 0) != 0;
     std::vector<std::string> op = words(c.columns[0]);
     call.op = parseOp(op[0]);
@@ -69,11 +79,11 @@ HandlerCall parse(const Case& c) {
     const std::string rest = kind.size() < expected.size() ? expected.substr(kind.size() + 1) : "";
     Expected& e = call.expected;
     if (kind == "add" || kind == "del") {
-        std::vector<std::string> view = words(c.settings.count("view") ? c.setting("view") : "vs1 profile-av-p1 profile-av");
-        for (std::string& word : view)
-            for (size_t k = values.size(); k > 0; --k)
-                if (size_t at = word.find("$" + std::to_string(k)); at != std::string::npos) word.replace(at, 2, values[k - 1]);
-        e = {Expected::Sent, {view[0], view[1], view[2] == "-" ? std::nullopt : std::optional(view[2]), decode(rest)},
+        std::vector<std::string> view =
+            words(c.settings.count("view") ? c.setting("view") : "vs1 profile-av-p1 profile-av");
+        for (std::string& word : view) word = substitute(word, values);
+        e = {Expected::Sent,
+             {view[0], view[1], view[2] == "-" ? std::nullopt : std::optional(view[2]), decode(rest)},
              kind == "add" ? 0u : 1u};
         if (view.size() > 3) e.origin = c.setting("path");
     } else if (kind == "refused") {

@@ -23,8 +23,8 @@ TEST(Descriptors, AsTheServerReadsThem) {
     EXPECT_STREQ(ns[0].href, "urn:tavrik:params:xml:ns:yang:tavrik-antivirus");
     EXPECT_EQ(ns[1].prefix, nullptr);
     EXPECT_EQ(ns[1].href, nullptr);
-    const ncds_custom_funcs expected = {custom_init,       custom_free,         custom_changed, custom_rollback,
-                                        custom_lock,       custom_unlock,       nullptr,        custom_getconfig,
+    const ncds_custom_funcs expected = {custom_init,       custom_free,         custom_changed,   custom_rollback,
+                                        custom_lock,       custom_unlock,       nullptr,          custom_getconfig,
                                         custom_copyconfig, custom_deleteconfig, custom_editconfig};
     const auto* members = reinterpret_cast<const void* const*>(&descriptor<ncds_custom_funcs>("custom_funcs"));
     for (size_t i = 0; i < sizeof expected / sizeof(void*); ++i)

@@ -29,7 +29,8 @@ xmlNodePtr Tree::at(const std::string& path) const {
         }
         xmlNodePtr found = nullptr;
         for (xmlNodePtr c = node->children; c != nullptr && found == nullptr; c = c->next)
-            if (c->type == XML_ELEMENT_NODE && step == reinterpret_cast<const char*>(c->name) && --index == 0) found = c;
+            if (c->type == XML_ELEMENT_NODE && step == reinterpret_cast<const char*>(c->name) && --index == 0)
+                found = c;
         node = found;
         start = end + 1;
     }

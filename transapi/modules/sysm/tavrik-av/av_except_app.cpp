@@ -4,7 +4,8 @@
 
 AV_EXPORT void AV_GetExceptAppConfig(xmlNodePtr pstChild, char* pcExcetAppName, unsigned int uiBufLen1,
                                      char* pcExcetAction, unsigned int uiBufLen2) {
-    av::readChildPair(pstChild, "application-name", pcExcetAppName, uiBufLen1, "application-action", pcExcetAction, uiBufLen2);
+    av::readChildPair(pstChild, "application-name", pcExcetAppName, uiBufLen1, "application-action", pcExcetAction,
+                      uiBufLen2);
 }
 
 namespace {
@@ -35,7 +36,8 @@ AV_HANDLER(callback_AV_ProfileExceptApplication) {
     if (auto end = c.open({3, 1})) return *end;
 
     Value name, action;
-    for (xmlNode* child = node->children; child != nullptr; child = child->next) readExceptionChild(child, name, action);
+    for (xmlNode* child = node->children; child != nullptr; child = child->next)
+        readExceptionChild(child, name, action);
     if (name.empty()) return c.refuse(kNoName, NC_ERR_MISSING_ELEM);
 
     if (av::removes(op)) {
@@ -53,7 +55,8 @@ AV_HANDLER(callback_AV_ProfileApplicationAction) {
     if (auto end = c.open({4, 2, 1})) return *end;
 
     Value name, action;
-    for (xmlNode* sibling = node; sibling != nullptr; sibling = sibling->prev) readExceptionChild(sibling, name, action);
+    for (xmlNode* sibling = node; sibling != nullptr; sibling = sibling->prev)
+        readExceptionChild(sibling, name, action);
     if (name.empty()) return c.refuse(kNoName, NC_ERR_MISSING_ELEM);
 
     if (av::removes(op)) return av::kDone;

@@ -33,8 +33,10 @@ AV_HANDLER(callback_AV_ProfileExceptID) {
     if (!av::trimInto(text, id)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
 
     av::Text<128> line;
-    if (av::removes(op)) return c.sendInProfileView(AV_FORMAT(line, "undo exception av-signature-id %s", id.buf), CMD_DEL);
-    if (av::addsOrModifies(op)) return c.sendInProfileView(AV_FORMAT(line, "exception av-signature-id %s", id.buf), CMD_ADD);
+    if (av::removes(op))
+        return c.sendInProfileView(AV_FORMAT(line, "undo exception av-signature-id %s", id.buf), CMD_DEL);
+    if (av::addsOrModifies(op))
+        return c.sendInProfileView(AV_FORMAT(line, "exception av-signature-id %s", id.buf), CMD_ADD);
     return c.unknownOp();
 }
 
@@ -55,7 +57,8 @@ AV_HANDLER(callback_AV_ProfileExceptSignature) {
     if (id.empty()) return c.refuse("av signature id is null.", NC_ERR_BAD_ELEM);
 
     av::Text<128> line;
-    if (av::removes(op)) return c.sendInProfileView(AV_FORMAT(line, "undo exception av-signature-id %s", id.buf), CMD_DEL);
+    if (av::removes(op))
+        return c.sendInProfileView(AV_FORMAT(line, "undo exception av-signature-id %s", id.buf), CMD_DEL);
     if (!(op & (XMLDIFF_ADD | XMLDIFF_MOD | XMLDIFF_CHAIN))) return c.unknownOp();
 
     if (action.empty()) {

@@ -31,8 +31,8 @@ av::Result changeAgingTime(const AgingLeaf& leaf, const av::Call& call) {
         cmd = CMD_DEL;
     } else if (av::addsOrModifies(call.op)) {
         if (leaf.days) {
-            unsigned int days = AV_ApiAtoi(reinterpret_cast<unsigned char*>(value.buf),
-                                           static_cast<unsigned int>(value.length()));
+            unsigned int days =
+                AV_ApiAtoi(reinterpret_cast<unsigned char*>(value.buf), static_cast<unsigned int>(value.length()));
             unsigned int uiTimeHour = days == 0xFFFFFFFFu ? 24u : days * 24u;
             AV_FORMAT(line, "file-reputation set aging-time hour %u", uiTimeHour);
         } else {

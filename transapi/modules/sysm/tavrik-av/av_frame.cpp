@@ -54,8 +54,8 @@ Result Change::drop() {
     return kDone;
 }
 
-Result Change::send(const char* vsys, const char* view, const char* viewTemplate, const char* line,
-                    CMD_OPERATION cmdOp, bool withOrigin) {
+Result Change::send(const char* vsys, const char* view, const char* viewTemplate, const char* line, CMD_OPERATION cmdOp,
+                    bool withOrigin) {
     msg_to_dp_t* reply = nullptr;
     api_script_cache_lines(vsys, view, viewTemplate, line);
     trace(" %s \r\n", line);

@@ -144,7 +144,6 @@ private:
 
 enum class Normalise { Now, Later };
 
-
 // Path string prefix of the handlers below a profile entry.
 #define AV_PROFILE_PATH "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile/"
 

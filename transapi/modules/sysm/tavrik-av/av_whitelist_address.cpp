@@ -25,8 +25,7 @@ constexpr AddressKind kDestinationAddress{AV_WHITELIST_PATH "destinationAddress"
 constexpr AddressKind kSourceRange{AV_WHITELIST_PATH "sourceAddressRange", "Av source address range is null.",
                                    "whitelist source-address", true};
 constexpr AddressKind kDestinationRange{AV_WHITELIST_PATH "destinationAddressRange",
-                                        "Av destination address range is null.", "whitelist destination-address",
-                                        true};
+                                        "Av destination address range is null.", "whitelist destination-address", true};
 
 av::Result changeAddress(const AddressKind& kind, const av::Call& call) {
     av::ProfileChange c(call, kind.path);

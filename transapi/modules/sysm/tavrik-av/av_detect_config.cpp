@@ -14,39 +14,34 @@ bool isNfs(const char* protocol) { return strcmp(protocol, "nfs") == 0; }
 
 // The enclosing detect entry's protocol key, prefix removed (not trimmed,
 // not tested: the detect entry's handler tests the keyword).
-bool readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
+av::Step readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
     const char* key = c.key(level, "protocol-type");
-    if (key == nullptr) return c.fail("The profile detect protocol-type node is NULL.", NC_ERR_MISSING_ELEM);
+    if (key == nullptr) return c.refuse("The profile detect protocol-type node is NULL.", NC_ERR_MISSING_ELEM);
     AV_remove_prefix(const_cast<char*>(key), static_cast<int>(strlen(key)), protocol, sizeof protocol.buf);
-    return true;
+    return {};
 }
 
 // Reads the changed leaf's keyword, trimmed, and tests it for the protocol.
-// False ends the handler with `result`: 1 without an error record when the
-// leaf has no text, or the refusal's result.
-bool readLeaf(av::ProfileChange& c, const char* leaf, Keyword& value, Keyword& protocol,
-              unsigned int (*admitted)(char*, char*), const char* invalidMessage, int& result) {
+// A leaf without text fails silently.
+av::Step readLeaf(av::ProfileChange& c, const char* leaf, Keyword& value, Keyword& protocol,
+                  unsigned int (*admitted)(char*, char*), const char* invalidMessage) {
     const char* text = get_node_content(c.node());
     if (text == nullptr) {
         av::trace("av detect %s is null,in %d\r\n", leaf, __LINE__);
-        result = 1;
-        return false;
+        return av::kSilentFailure;
     }
-    if (!av::trimInto(text, value))
-        result = c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
-    else if (admitted(value, protocol) != 0)
-        result = c.refuse(invalidMessage, NC_ERR_BAD_ELEM);
-    else
-        return true;
-    return false;
+    if (!av::trimInto(text, value)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    if (admitted(value, protocol) != 0) return c.refuse(invalidMessage, NC_ERR_BAD_ELEM);
+    return {};
 }
 
 }  // namespace
 
 AV_HANDLER(callback_AV_ProfileDetectConfig) {
-    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH, {4, 2, 1});
+    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH);
     Keyword protocol, direction, action;
-    if (c.finished() || !readProtocol(c, 1, protocol)) return c.result();
+    if (auto end = c.open({4, 2, 1})) return *end;
+    if (auto end = readProtocol(c, 1, protocol)) return *end;
 
     for (xmlNode* child = node->children; child != nullptr; child = child->next)
         if (child->type == XML_ELEMENT_NODE)
@@ -59,25 +54,25 @@ AV_HANDLER(callback_AV_ProfileDetectConfig) {
         if (direction.empty() && action.empty())
             return c.refuse("Undo av detect protocol input error.", NC_ERR_BAD_ELEM);
         if (isMail(protocol))
-            line.format("undo %s-detect action", protocol.buf);
+            AV_FORMAT(line, "undo %s-detect action", protocol.buf);
         else if (isNfs(protocol))
-            line.format("undo %s-detect direction", protocol.buf);
+            AV_FORMAT(line, "undo %s-detect direction", protocol.buf);
         else
-            line.format("undo %s-detect direction action", protocol.buf);
+            AV_FORMAT(line, "undo %s-detect direction action", protocol.buf);
         return c.sendInProfileView(line, CMD_DEL);
     }
     if (av::addsOrModifies(op)) {
         if (direction.empty()) return c.refuse("Av detect direction is null.", NC_ERR_BAD_ELEM);
         if (direction.is("none"))
-            line.format("undo %s-detect", protocol.buf);
+            AV_FORMAT(line, "undo %s-detect", protocol.buf);
         else if (isMail(protocol) && !action.empty())
-            line.format("%s-detect action %s", protocol.buf, action.buf);
+            AV_FORMAT(line, "%s-detect action %s", protocol.buf, action.buf);
         else if (isMail(protocol))
-            line.format("%s-detect", protocol.buf);
+            AV_FORMAT(line, "%s-detect", protocol.buf);
         else if (isNfs(protocol) || action.empty())
-            line.format("%s-detect direction %s", protocol.buf, direction.buf);
+            AV_FORMAT(line, "%s-detect direction %s", protocol.buf, direction.buf);
         else
-            line.format("%s-detect direction %s action %s", protocol.buf, direction.buf, action.buf);
+            AV_FORMAT(line, "%s-detect direction %s action %s", protocol.buf, direction.buf, action.buf);
         return c.sendInProfileView(line, CMD_ADD);
     }
     if (av::chains(op)) return c.drop();
@@ -85,47 +80,45 @@ AV_HANDLER(callback_AV_ProfileDetectConfig) {
 }
 
 AV_HANDLER(callback_AV_ProfileDetectConfigDirection) {
-    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH "/direction", {5, 3, 2, 1},
-                        av::Normalise::Later);
+    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH "/direction");
     Keyword protocol, direction;
-    if (c.finished() || !readProtocol(c, 2, protocol) || !c.normalise()) return c.result();
-
-    int result = 0;
-    if (!readLeaf(c, "direction", direction, protocol, AV_CheckDetectDirConfig,
-                  "Av protocol detect direction config invalid.", result))
-        return result;
+    if (auto end = c.open({5, 3, 2, 1}, av::Normalise::Later)) return *end;
+    if (auto end = readProtocol(c, 2, protocol)) return *end;
+    if (auto end = c.normalise()) return *end;
+    if (auto end = readLeaf(c, "direction", direction, protocol, AV_CheckDetectDirConfig,
+                            "Av protocol detect direction config invalid."))
+        return *end;
 
     av::Text<128> line;
     if (av::removes(op)) {
         if (isMail(protocol)) return c.drop();
-        return c.sendInProfileView(line.format("undo %s-detect direction", protocol.buf), CMD_DEL);
+        return c.sendInProfileView(AV_FORMAT(line, "undo %s-detect direction", protocol.buf), CMD_DEL);
     }
     if (av::addsOrModifies(op)) {
         if (direction.is("none"))
-            line.format("undo %s-detect", protocol.buf);
+            AV_FORMAT(line, "undo %s-detect", protocol.buf);
         else if (isMail(protocol))
-            line.format("%s-detect", protocol.buf);
+            AV_FORMAT(line, "%s-detect", protocol.buf);
         else
-            line.format("%s-detect direction %s", protocol.buf, direction.buf);
+            AV_FORMAT(line, "%s-detect direction %s", protocol.buf, direction.buf);
         return c.sendInProfileView(line, CMD_ADD);
     }
     return c.unknownOp();
 }
 
 AV_HANDLER(callback_AV_ProfileDetectConfigAction) {
-    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH "/action", {5, 3, 2, 1});
+    av::ProfileChange c({data, op, node, error}, AV_DETECT_CONFIG_PATH "/action");
     Keyword protocol, action;
-    if (c.finished() || !readProtocol(c, 2, protocol)) return c.result();
-
-    int result = 0;
-    if (!readLeaf(c, "action", action, protocol, AV_CheckDetectActionConfig,
-                  "Av protocol detect action config invalid.", result))
-        return result;
+    if (auto end = c.open({5, 3, 2, 1})) return *end;
+    if (auto end = readProtocol(c, 2, protocol)) return *end;
+    if (auto end = readLeaf(c, "action", action, protocol, AV_CheckDetectActionConfig,
+                            "Av protocol detect action config invalid."))
+        return *end;
 
     av::Text<128> line;
     if (av::removes(op)) {
         if (isNfs(protocol)) return c.drop();
-        return c.sendInProfileView(line.format("undo %s-detect action", protocol.buf), CMD_DEL);
+        return c.sendInProfileView(AV_FORMAT(line, "undo %s-detect action", protocol.buf), CMD_DEL);
     }
     if (av::addsOrModifies(op)) {
         const char* direction = c.key(1, "direction");
@@ -135,9 +128,9 @@ AV_HANDLER(callback_AV_ProfileDetectConfigAction) {
             return c.refuse("Av protocol detect direction config invalid.", NC_ERR_BAD_ELEM);
         if (strcmp(direction, "none") == 0 || isNfs(protocol)) return c.drop();
         if (isMail(protocol))
-            line.format("%s-detect action %s", protocol.buf, action.buf);
+            AV_FORMAT(line, "%s-detect action %s", protocol.buf, action.buf);
         else
-            line.format("%s-detect direction %s action %s", protocol.buf, direction, action.buf);
+            AV_FORMAT(line, "%s-detect direction %s action %s", protocol.buf, direction, action.buf);
         return c.sendInProfileView(line, CMD_ADD);
     }
     return c.unknownOp();

@@ -2,8 +2,8 @@
 #include "av_handlers.h"
 
 AV_HANDLER(callback_AV_ProfileDetect) {
-    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "detect", {3, 1});
-    if (c.finished()) return c.result();
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "detect");
+    if (auto end = c.open({3, 1})) return *end;
 
     const char* text = nullptr;
     for (xmlNode* child = node->children; child != nullptr; child = child->next) {
@@ -20,7 +20,7 @@ AV_HANDLER(callback_AV_ProfileDetect) {
         return c.refuse("av detect protocol-type is invalid.", NC_ERR_BAD_ELEM);
 
     av::Text<128> line;
-    if (av::removes(op)) return c.sendInProfileView(line.format("undo %s-detect", protocol.buf), CMD_DEL);
+    if (av::removes(op)) return c.sendInProfileView(AV_FORMAT(line, "undo %s-detect", protocol.buf), CMD_DEL);
     if (op & (XMLDIFF_ADD | XMLDIFF_MOD | XMLDIFF_CHAIN)) return c.drop();
     return c.unknownOp();
 }

@@ -4,7 +4,8 @@
 
 AV_EXPORT void AV_GetExceptAppConfig(xmlNodePtr pstChild, char* pcExcetAppName, unsigned int uiBufLen1,
                                      char* pcExcetAction, unsigned int uiBufLen2) {
-    av::readChildPair(pstChild, "application-name", pcExcetAppName, uiBufLen1, "application-action", pcExcetAction, uiBufLen2);
+    av::readChildPair(pstChild, "application-name", pcExcetAppName, uiBufLen1, "application-action", pcExcetAction,
+                      uiBufLen2);
 }
 
 namespace {
@@ -15,12 +16,12 @@ void readExceptionChild(xmlNode* child, Value& name, Value& action) {
     if (child->type == XML_ELEMENT_NODE) AV_GetExceptAppConfig(child, name, sizeof name.buf, action, sizeof action.buf);
 }
 
-int sendException(av::ProfileChange& c, const Value& name, const Value& action) {
+av::Result sendException(av::ProfileChange& c, const Value& name, const Value& action) {
     av::Text<128> line;
     if (action.empty())
-        line.format("exception application name %s", name.buf);
+        AV_FORMAT(line, "exception application name %s", name.buf);
     else if (av::oneOf(action, {"alert", "allow", "block"}))
-        line.format("exception application name %s action %s", name.buf, action.buf);
+        AV_FORMAT(line, "exception application name %s action %s", name.buf, action.buf);
     else
         return c.refuse("Av except app action error", NC_ERR_BAD_ELEM);
     return c.sendInProfileView(line, CMD_ADD);
@@ -31,16 +32,17 @@ constexpr const char* kNoName = "av detect exception-application name is null.";
 }  // namespace
 
 AV_HANDLER(callback_AV_ProfileExceptApplication) {
-    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "except-application", {3, 1});
-    if (c.finished()) return c.result();
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "except-application");
+    if (auto end = c.open({3, 1})) return *end;
 
     Value name, action;
-    for (xmlNode* child = node->children; child != nullptr; child = child->next) readExceptionChild(child, name, action);
+    for (xmlNode* child = node->children; child != nullptr; child = child->next)
+        readExceptionChild(child, name, action);
     if (name.empty()) return c.refuse(kNoName, NC_ERR_MISSING_ELEM);
 
     if (av::removes(op)) {
         av::Text<128> line;
-        return c.sendInProfileView(line.format("undo exception application name %s", name.buf), CMD_DEL);
+        return c.sendInProfileView(AV_FORMAT(line, "undo exception application name %s", name.buf), CMD_DEL);
     }
     if (av::addsOrModifies(op)) return sendException(c, name, action);
     if (av::chains(op)) return c.drop();
@@ -49,14 +51,15 @@ AV_HANDLER(callback_AV_ProfileExceptApplication) {
 
 // The changed action with the name that stands before it in its entry.
 AV_HANDLER(callback_AV_ProfileApplicationAction) {
-    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "except-application/action", {4, 2, 1});
-    if (c.finished()) return c.result();
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "except-application/action");
+    if (auto end = c.open({4, 2, 1})) return *end;
 
     Value name, action;
-    for (xmlNode* sibling = node; sibling != nullptr; sibling = sibling->prev) readExceptionChild(sibling, name, action);
+    for (xmlNode* sibling = node; sibling != nullptr; sibling = sibling->prev)
+        readExceptionChild(sibling, name, action);
     if (name.empty()) return c.refuse(kNoName, NC_ERR_MISSING_ELEM);
 
-    if (av::removes(op)) return 0;
+    if (av::removes(op)) return av::kDone;
     if (av::addsOrModifies(op)) return sendException(c, name, action);
     return c.unknownOp();
 }

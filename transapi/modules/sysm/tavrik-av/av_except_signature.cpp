@@ -11,21 +11,21 @@ using Value = av::Text<32>;
 constexpr int kChildLimit = 31;  // values read from an entry's children hold at most 30 characters
 
 // Trims the element's text into `out`; refuses the change when it cannot.
-bool readChild(av::ProfileChange& c, xmlNode* child, Value& out) {
-    if (av::trimInto(get_node_content(child), out, kChildLimit)) return true;
-    return c.fail("av remove spaces failed.", NC_ERR_BAD_ELEM);
+av::Step readChild(av::ProfileChange& c, xmlNode* child, Value& out) {
+    if (av::trimInto(get_node_content(child), out, kChildLimit)) return {};
+    return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
 }
 
-bool readOwnValue(av::ProfileChange& c, Value& out) {
-    if (av::trimInto(get_node_content(c.node()), out)) return true;
-    return c.fail("av remove spaces failed.", NC_ERR_BAD_ELEM);
+av::Step readOwnValue(av::ProfileChange& c, Value& out) {
+    if (av::trimInto(get_node_content(c.node()), out)) return {};
+    return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
 }
 
 }  // namespace
 
 AV_HANDLER(callback_AV_ProfileExceptID) {
-    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "except-signature-id", {3, 1});
-    if (c.finished()) return c.result();
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "except-signature-id");
+    if (auto end = c.open({3, 1})) return *end;
 
     const char* text = get_node_content(node);
     if (text == nullptr) return c.refuse("av except signature-id is null.", NC_ERR_MISSING_ELEM);
@@ -33,19 +33,21 @@ AV_HANDLER(callback_AV_ProfileExceptID) {
     if (!av::trimInto(text, id)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
 
     av::Text<128> line;
-    if (av::removes(op)) return c.sendInProfileView(line.format("undo exception av-signature-id %s", id.buf), CMD_DEL);
-    if (av::addsOrModifies(op)) return c.sendInProfileView(line.format("exception av-signature-id %s", id.buf), CMD_ADD);
+    if (av::removes(op))
+        return c.sendInProfileView(AV_FORMAT(line, "undo exception av-signature-id %s", id.buf), CMD_DEL);
+    if (av::addsOrModifies(op))
+        return c.sendInProfileView(AV_FORMAT(line, "exception av-signature-id %s", id.buf), CMD_ADD);
     return c.unknownOp();
 }
 
 AV_HANDLER(callback_AV_ProfileExceptSignature) {
-    av::ProfileChange c({data, op, node, error}, AV_EXCEPT_SIG_PATH, {3, 1});
-    if (c.finished()) return c.result();
+    av::ProfileChange c({data, op, node, error}, AV_EXCEPT_SIG_PATH);
+    if (auto end = c.open({3, 1})) return *end;
 
     Value id, action, timeout;
     for (xmlNode* child = node->children; child != nullptr; child = child->next) {
         if (av::nameIs(child, "id")) {
-            if (!readChild(c, child, id)) return c.result();
+            if (auto end = readChild(c, child, id)) return *end;
         } else if (av::nameIs(child, "action") || av::nameIs(child, "timeout")) {
             Value& out = av::nameIs(child, "action") ? action : timeout;
             if (!av::trimInto(get_node_content(child), out, kChildLimit))
@@ -55,19 +57,20 @@ AV_HANDLER(callback_AV_ProfileExceptSignature) {
     if (id.empty()) return c.refuse("av signature id is null.", NC_ERR_BAD_ELEM);
 
     av::Text<128> line;
-    if (av::removes(op)) return c.sendInProfileView(line.format("undo exception av-signature-id %s", id.buf), CMD_DEL);
+    if (av::removes(op))
+        return c.sendInProfileView(AV_FORMAT(line, "undo exception av-signature-id %s", id.buf), CMD_DEL);
     if (!(op & (XMLDIFF_ADD | XMLDIFF_MOD | XMLDIFF_CHAIN))) return c.unknownOp();
 
     if (action.empty()) {
-        line.format("exception av-signature-id %s", id.buf);
+        AV_FORMAT(line, "exception av-signature-id %s", id.buf);
     } else if (action.is("allow")) {
         if (!timeout.empty()) return c.refuse("av signature action is not block-source-ip.", NC_ERR_BAD_ELEM);
-        line.format("exception av-signature-id %s action %s", id.buf, action.buf);
+        AV_FORMAT(line, "exception av-signature-id %s action %s", id.buf, action.buf);
     } else if (action.is("block-source-ip")) {
         if (timeout.empty())
-            line.format("exception av-signature-id %s action %s", id.buf, action.buf);
+            AV_FORMAT(line, "exception av-signature-id %s action %s", id.buf, action.buf);
         else
-            line.format("exception av-signature-id %s action %s timeout %s", id.buf, action.buf, timeout.buf);
+            AV_FORMAT(line, "exception av-signature-id %s action %s timeout %s", id.buf, action.buf, timeout.buf);
     } else {
         return c.refuse("av signature action is neither allow nor block-source-ip.", NC_ERR_BAD_ELEM);
     }
@@ -75,13 +78,14 @@ AV_HANDLER(callback_AV_ProfileExceptSignature) {
 }
 
 AV_HANDLER(callback_AV_ProfileExceptSignatureAction) {
-    av::ProfileChange c({data, op, node, error}, AV_EXCEPT_SIG_PATH "/action", {4, 2, 1});
+    av::ProfileChange c({data, op, node, error}, AV_EXCEPT_SIG_PATH "/action");
     Value action, id;
-    if (c.finished() || !readOwnValue(c, action)) return c.result();
+    if (auto end = c.open({4, 2, 1})) return *end;
+    if (auto end = readOwnValue(c, action)) return *end;
 
     for (xmlNode* sibling = node->prev; sibling != nullptr; sibling = sibling->prev) {
         if (av::nameIs(sibling, "id")) {
-            if (!readChild(c, sibling, id)) return c.result();
+            if (auto end = readChild(c, sibling, id)) return *end;
             break;
         }
     }
@@ -89,19 +93,21 @@ AV_HANDLER(callback_AV_ProfileExceptSignatureAction) {
 
     av::Text<128> line;
     if (av::removes(op))
-        return c.sendInProfileView(line.format("exception av-signature-id %s action allow", id.buf), CMD_DEL);
+        return c.sendInProfileView(AV_FORMAT(line, "exception av-signature-id %s action allow", id.buf), CMD_DEL);
     if (av::addsOrModifies(op)) return c.drop();
     return c.unknownOp();
 }
 
 AV_HANDLER(callback_AV_ProfileExceptSignatureTimeout) {
-    av::ProfileChange c({data, op, node, error}, AV_EXCEPT_SIG_PATH "/timeout", {4, 2, 1});
+    av::ProfileChange c({data, op, node, error}, AV_EXCEPT_SIG_PATH "/timeout");
     Value timeout, id, action;
-    if (c.finished() || !readOwnValue(c, timeout)) return c.result();
+    if (auto end = c.open({4, 2, 1})) return *end;
+    if (auto end = readOwnValue(c, timeout)) return *end;
 
     for (xmlNode* sibling = node->prev; sibling != nullptr; sibling = sibling->prev) {
-        if (av::nameIs(sibling, "id") && !readChild(c, sibling, id)) return c.result();
-        if (av::nameIs(sibling, "action") && !readChild(c, sibling, action)) return c.result();
+        Value* out = av::nameIs(sibling, "id") ? &id : av::nameIs(sibling, "action") ? &action : nullptr;
+        if (out == nullptr) continue;
+        if (auto end = readChild(c, sibling, *out)) return *end;
     }
     if (id.empty()) return c.refuse("av signature id is null.", NC_ERR_BAD_ELEM);
     if (action.empty()) return c.refuse("av signature action is null.", NC_ERR_BAD_ELEM);
@@ -109,7 +115,7 @@ AV_HANDLER(callback_AV_ProfileExceptSignatureTimeout) {
 
     av::Text<128> line;
     if (av::removes(op))
-        return c.sendInProfileView(line.format("exception av-signature-id %s action block-source-ip", id.buf),
+        return c.sendInProfileView(AV_FORMAT(line, "exception av-signature-id %s action block-source-ip", id.buf),
                                    CMD_DEL);
     if (av::addsOrModifies(op)) return c.drop();
     return c.unknownOp();

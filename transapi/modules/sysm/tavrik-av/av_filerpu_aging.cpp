@@ -17,7 +17,7 @@ constexpr AgingLeaf kDays{AV_GLOBAL_PATH "file-reputation-age-time", "av get fil
 constexpr AgingLeaf kHours{AV_GLOBAL_PATH "file-reputation-age-time-hour", "av get filerpu-hour content error.",
                            "av get filerpu-hour content remove spaces failed.", false};
 
-int changeAgingTime(const AgingLeaf& leaf, const av::Call& call) {
+av::Result changeAgingTime(const AgingLeaf& leaf, const av::Call& call) {
     av::Change c(call, leaf.path);
     const char* text = get_node_content(call.node);
     if (text == nullptr) return c.refuse(leaf.noTextMessage, NC_ERR_BAD_ELEM);
@@ -27,16 +27,16 @@ int changeAgingTime(const AgingLeaf& leaf, const av::Call& call) {
     av::Text<128> line;
     CMD_OPERATION cmd = CMD_ADD;
     if (av::removes(call.op)) {
-        line.format("undo file-reputation set aging-time");
+        AV_FORMAT(line, "undo file-reputation set aging-time");
         cmd = CMD_DEL;
     } else if (av::addsOrModifies(call.op)) {
         if (leaf.days) {
-            unsigned int days = AV_ApiAtoi(reinterpret_cast<unsigned char*>(value.buf),
-                                           static_cast<unsigned int>(value.length()));
+            unsigned int days =
+                AV_ApiAtoi(reinterpret_cast<unsigned char*>(value.buf), static_cast<unsigned int>(value.length()));
             unsigned int uiTimeHour = days == 0xFFFFFFFFu ? 24u : days * 24u;
-            line.format("file-reputation set aging-time hour %u", uiTimeHour);
+            AV_FORMAT(line, "file-reputation set aging-time hour %u", uiTimeHour);
         } else {
-            line.format("file-reputation set aging-time hour %s", value.buf);
+            AV_FORMAT(line, "file-reputation set aging-time hour %s", value.buf);
         }
     } else {
         return c.unknownOp();

@@ -28,61 +28,56 @@ Change::~Change() {
     free(path_);
 }
 
-bool Change::parentRemoved(std::initializer_list<int> levels) const {
+Step Change::screen(std::initializer_list<int> levels) const {
     int ops = 0;
     for (int level : levels) ops |= priority_transapi_find_parent_op_by_xmldiff(call_.data, level);
     trace("in %d, parent op is %d\r\n", __LINE__, ops);
-    if (!removes(ops)) return false;
+    if (!removes(ops)) return {};
     trace("SUCCESS: The parent operation is deleted.\r\n");
-    return true;
+    return kDone;
 }
 
 const char* Change::key(int level, const char* name) const {
     return priority_transapi_find_parent_key_node_content(level, call_.node, name);
 }
 
-int Change::refuse(const char* message, NC_ERR code) {
+Result Change::refuse(const char* message, NC_ERR code) {
     trace("ERROR: %s\r\n", message);
     free(message_);
     if (asprintf(&message_, "%s", message) < 0) message_ = nullptr;
-    return fail_nc_err(call_.error, message_, path_, 1, code);
+    return Result(fail_nc_err(call_.error, message_, path_, 1, code));
 }
 
-int Change::drop() {
+Result Change::drop() {
     trace("SUCCESS: The op is OK.\r\n");
     api_script_clear_lines();
-    return 0;
+    return kDone;
 }
 
-int Change::send(const char* vsys, const char* view, const char* viewTemplate, const char* line,
-                 CMD_OPERATION cmdOp, bool withOrigin) {
+Result Change::send(const char* vsys, const char* view, const char* viewTemplate, const char* line, CMD_OPERATION cmdOp,
+                    bool withOrigin) {
     msg_to_dp_t* reply = nullptr;
     api_script_cache_lines(vsys, view, viewTemplate, line);
     trace(" %s \r\n", line);
     int ret = transapi_comm_with_qmx(header_, cmdOp, &reply, call_.error, withOrigin ? path_ : nullptr);
     if (ret != 0) trace("The send of \"%s\" failed: %d.\r\n", line, ret);
-    return ret;
+    return Result(ret);
 }
 
-ProfileChange::ProfileChange(const Call& call, const char* path, std::initializer_list<int> screened,
-                             Normalise when, int tracePoint)
-    : Change(call, path, tracePoint) {
-    if (parentRemoved(screened)) {
-        finished_ = true;
-        return;
-    }
+Step ProfileChange::open(std::initializer_list<int> screened, Normalise when) {
+    if (auto end = screen(screened)) return end;
     const int* levels = screened.begin();
     vsys_ = key(levels[0], "name");
-    if (vsys_ == nullptr) {
-        fail("The vsys name node is NULL.", NC_ERR_MISSING_ELEM);
-        return;
-    }
+    if (vsys_ == nullptr) return refuse("The vsys name node is NULL.", NC_ERR_MISSING_ELEM);
     profileKey_ = key(levels[1], "name");
-    if (profileKey_ == nullptr) {
-        fail("The profile name node is NULL.", NC_ERR_MISSING_ELEM);
-        return;
-    }
-    if (when == Normalise::Now) normalise();
+    if (profileKey_ == nullptr) return refuse("The profile name node is NULL.", NC_ERR_MISSING_ELEM);
+    if (when == Normalise::Now) return normalise();
+    return {};
+}
+
+Step ProfileChange::normalise() {
+    if (!trimInto(profileKey_, profile_)) return refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+    return {};
 }
 
 void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
@@ -101,11 +96,6 @@ void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned
     }
     if (AV_Strstrip(get_node_content(child), target, static_cast<int>(size)) == nullptr)
         trace("av remove spaces failed,in %d\r\n", __LINE__);
-}
-
-bool ProfileChange::normalise() {
-    if (!trimInto(profileKey_, profile_)) return fail("av remove spaces failed.", NC_ERR_BAD_ELEM);
-    return true;
 }
 
 }  // namespace av

@@ -1,7 +1,7 @@
 // The change-handler frame: what every configuration handler of the module
-// does the same way. A handler builds one of these, asks it for parent
-// screening and keys, checks its own values, and ends with one of
-// send..(), drop() or refuse().
+// does the same way. A handler builds a Change, asks it for parent screening
+// and keys, checks its own values, and ends with a Result of the frame:
+// send..(), drop(), refuse(), kDone or kSilentFailure.
 #pragma once
 
 #include <ctype.h>
@@ -28,24 +28,57 @@ namespace av {
 void trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // A fixed-size character buffer, always cleared before use and written only
-// through the bounded formatter (at most N-1 characters).
+// through the bounded formatter (AV_FORMAT below).
 template <size_t N>
 struct Text {
     char buf[N];
 
     Text() { clear(); }
     void clear() { memset_s(buf, N, 0, N); }
-    template <class... Args>
-    const char* format(const char* fmt, Args... args) {
-        clear();
-        snprintf_s(buf, N, N - 1, fmt, args...);
-        return buf;
-    }
     bool empty() const { return buf[0] == '\0'; }
     bool is(const char* keyword) const { return strcmp(buf, keyword) == 0; }
     size_t length() const { return strlen(buf); }
     operator char*() { return buf; }
     operator const char*() const { return buf; }
+};
+
+// Clears `text` (an av::Text) and formats into it with the bounded formatter,
+// at most its size less one characters; yields its characters. A macro, so
+// that the compiler checks the format against its values.
+#define AV_FORMAT(text, ...) \
+    ((text).clear(), (void)snprintf_s((text).buf, sizeof((text).buf), sizeof((text).buf) - 1, __VA_ARGS__), (text).buf)
+
+// What a callback returns: 0 when the change was carried out or needs no
+// command, the platform's verdict, or what the refusal made of it. Only the
+// frame makes one, and none can be dropped unread.
+class [[nodiscard]] Result {
+public:
+    constexpr explicit Result(int value) : value_(value) {}
+    constexpr operator int() const { return value_; }
+
+private:
+    int value_;
+};
+
+// The change needs no command.
+inline constexpr Result kDone{0};
+// The change fails without an error record: nothing is cached, sent or
+// refused. Only where a handler's rules call for it (a leaf without text,
+// a match-rule value that disagrees with its match type).
+inline constexpr Result kSilentFailure{1};
+
+// A step that may end the handler: empty to carry on, or the result to end
+// with at once:    if (auto end = c.open({3, 1})) return *end;
+class [[nodiscard]] Step {
+public:
+    constexpr Step() = default;
+    constexpr Step(Result end) : ends_(true), end_(end) {}
+    constexpr explicit operator bool() const { return ends_; }
+    constexpr Result operator*() const { return end_; }
+
+private:
+    bool ends_ = false;
+    Result end_ = kDone;
 };
 
 // The arguments every table callback receives.
@@ -72,7 +105,8 @@ inline bool contains(const char* text, char c) {
 }
 
 // Working set of one change: the path string, the message header, the
-// refusal message. Frees what it allocated when the handler returns.
+// refusal message. Frees what it allocated when the handler returns. Every
+// way a handler ends is a Result made here.
 class Change {
 public:
     Change(const Call& call, const char* path, int tracePoint = __builtin_LINE());
@@ -84,21 +118,22 @@ public:
     xmlNodePtr node() const { return call_.node; }
     const char* path() const { return path_; }
 
-    // True when one of the ancestors at `levels` is being removed in this edit.
-    bool parentRemoved(std::initializer_list<int> levels) const;
+    // Ends the handler with kDone when one of the ancestors at `levels` is
+    // being removed in this edit.
+    Step screen(std::initializer_list<int> levels) const;
     // Key leaf `key` of the ancestor `level` steps up, or null.
     const char* key(int level, const char* name) const;
 
     // Refuses the change for the client; nothing has been cached.
-    int refuse(const char* message, NC_ERR code);
-    int unknownOp() { return refuse("Unknown op.", NC_ERR_OP_FAILED); }
+    Result refuse(const char* message, NC_ERR code);
+    Result unknownOp() { return refuse("Unknown op.", NC_ERR_OP_FAILED); }
     // No line for this change: discards what is cached and succeeds.
-    int drop();
+    Result drop();
     // Caches `line` for (vsys, view, template) and sends it with `cmdOp`;
-    // returns the platform's verdict unchanged. `withOrigin` hands the path
+    // ends with the platform's verdict unchanged. `withOrigin` hands the path
     // string to the channel.
-    int send(const char* vsys, const char* view, const char* viewTemplate, const char* line,
-             CMD_OPERATION cmdOp, bool withOrigin = false);
+    Result send(const char* vsys, const char* view, const char* viewTemplate, const char* line, CMD_OPERATION cmdOp,
+                bool withOrigin = false);
 
 private:
     Call call_;
@@ -112,25 +147,17 @@ enum class Normalise { Now, Later };
 // Path string prefix of the handlers below a profile entry.
 #define AV_PROFILE_PATH "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile/"
 
-// A change below a profile entry: screens the ancestors, looks up the vsys
-// and profile keys (at the first two screened levels) and trims the profile
-// name. After construction, finished() tells whether the handler is done
-// (ancestor removed: result 0; key refused: the refusal's result).
+// A change below a profile entry. open() screens the ancestors, looks up the
+// vsys and profile keys (at the first two screened levels) and trims the
+// profile name, unless the handler does that later with normalise().
 class ProfileChange : public Change {
 public:
-    ProfileChange(const Call& call, const char* path, std::initializer_list<int> screened,
-                  Normalise when = Normalise::Now, int tracePoint = __builtin_LINE());
+    ProfileChange(const Call& call, const char* path, int tracePoint = __builtin_LINE())
+        : Change(call, path, tracePoint) {}
 
-    bool finished() const { return finished_; }
-    int result() const { return result_; }
+    Step open(std::initializer_list<int> screened, Normalise when = Normalise::Now);
     // Trims the profile key into profile(); refuses when it cannot.
-    bool normalise();
-    // Ends the handler with `code` when a check fails.
-    bool fail(const char* message, NC_ERR code) {
-        result_ = refuse(message, code);
-        finished_ = true;
-        return false;
-    }
+    Step normalise();
 
     const char* vsys() const { return vsys_; }
     const char* profile() const { return profile_; }
@@ -138,18 +165,15 @@ public:
     // Caches `line` in the view of this profile ("profile-av-<name>",
     // template "profile-av") and sends it.
     template <size_t ViewSize = 128>
-    int sendInProfileView(const char* line, CMD_OPERATION cmdOp) {
+    Result sendInProfileView(const char* line, CMD_OPERATION cmdOp) {
         Text<ViewSize> view;
-        view.format("profile-av-%s", profile_.buf);
-        return send(vsys_, view, "profile-av", line, cmdOp);
+        return send(vsys_, AV_FORMAT(view, "profile-av-%s", profile_.buf), "profile-av", line, cmdOp);
     }
 
 private:
     const char* vsys_ = nullptr;
     const char* profileKey_ = nullptr;
     Text<128> profile_;
-    bool finished_ = false;
-    int result_ = 0;
 };
 
 // Reads one child element of a list entry or container: the text of an
@@ -159,7 +183,8 @@ private:
 void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
                    char* secondOut, unsigned int secondSize);
 
-// Reads `text` trimmed into `out`; false when it is missing, blank or too long.
+// Reads `text` trimmed into `out`; false when it is missing, blank or too long
+// (`limit` bytes with the NUL).
 template <size_t N>
 bool trimInto(const char* text, Text<N>& out, int limit = static_cast<int>(N));
 

@@ -1,10 +1,10 @@
 // Creating and deleting antivirus profiles.
 #include "av_handlers.h"
 
-AV_EXPORT int callback_AV_Profile(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
+AV_HANDLER(callback_AV_Profile) {
     av::Change c({data, op, node, error},
                  "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile");
-    if (c.parentRemoved({2})) return 0;
+    if (auto end = c.screen({2})) return *end;
 
     const char* vsys = c.key(2, "name");
     if (vsys == nullptr) return c.refuse("The vsys name node is NULL.", NC_ERR_MISSING_ELEM);
@@ -30,13 +30,13 @@ AV_EXPORT int callback_AV_Profile(void** data, XMLDIFF_OP op, xmlNodePtr node, s
     av::Text<512> line;
     CMD_OPERATION cmd = CMD_ADD;
     if (av::removes(op)) {
-        line.format("undo profile type av name %s", profile.buf);
+        AV_FORMAT(line, "undo profile type av name %s", profile.buf);
         cmd = CMD_DEL;
     } else if (av::addsOrModifies(op)) {
-        line.format("profile type av name %s", profile.buf);
+        AV_FORMAT(line, "profile type av name %s", profile.buf);
     } else if (av::chains(op)) {
         av::trace("av profile op is chain,in %d\r\n", __LINE__);
-        return 0;
+        return av::kDone;
     } else {
         return c.unknownOp();
     }

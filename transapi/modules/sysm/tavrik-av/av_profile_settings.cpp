@@ -1,17 +1,17 @@
 // A profile's description and its three feature switches.
 #include "av_handlers.h"
 
-AV_EXPORT int callback_AV_ProfileDescription(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
-    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "description", {3, 1});
-    if (c.finished()) return c.result();
+AV_HANDLER(callback_AV_ProfileDescription) {
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "description");
+    if (auto end = c.open({3, 1})) return *end;
 
     const char* text = get_node_content(node);
     if (text == nullptr) return c.refuse("The profile description node is NULL.", NC_ERR_MISSING_ELEM);
     if (av::contains(text, '?')) return c.refuse("The profile description has '?'.", NC_ERR_BAD_ELEM);
 
     av::Text<512> line;
-    if (av::addsOrModifies(op)) return c.sendInProfileView(line.format("description %s", text), CMD_ADD);
-    if (av::removes(op)) return c.sendInProfileView(line.format("undo description"), CMD_DEL);
+    if (av::addsOrModifies(op)) return c.sendInProfileView(AV_FORMAT(line, "description %s", text), CMD_ADD);
+    if (av::removes(op)) return c.sendInProfileView(AV_FORMAT(line, "undo description"), CMD_DEL);
     return c.unknownOp();
 }
 
@@ -36,9 +36,9 @@ constexpr Switch kHeuristic{AV_PROFILE_PATH "heuristic-detect-enable",
                             "Av profile heuristic-detect-enable content is null.", NC_ERR_MISSING_ELEM,
                             NC_ERR_MISSING_ELEM, "heuristic-detect enable"};
 
-int changeSwitch(const Switch& s, const av::Call& call) {
-    av::ProfileChange c(call, s.path, {3, 1});
-    if (c.finished()) return c.result();
+av::Result changeSwitch(const Switch& s, const av::Call& call) {
+    av::ProfileChange c(call, s.path);
+    if (auto end = c.open({3, 1})) return *end;
 
     const char* text = get_node_content(call.node);
     if (text == nullptr) return c.refuse(s.noTextMessage, s.noTextCode);
@@ -47,24 +47,18 @@ int changeSwitch(const Switch& s, const av::Call& call) {
 
     av::Text<128> line;
     if (av::addsOrModifies(call.op)) {
-        if (value.is("true")) return c.sendInProfileView(line.format("%s", s.command), CMD_ADD);
-        if (value.is("false")) return c.sendInProfileView(line.format("undo %s", s.command), CMD_ADD);
+        if (value.is("true")) return c.sendInProfileView(AV_FORMAT(line, "%s", s.command), CMD_ADD);
+        if (value.is("false")) return c.sendInProfileView(AV_FORMAT(line, "undo %s", s.command), CMD_ADD);
         return c.refuse("Unknown input.", NC_ERR_OP_FAILED);
     }
-    if (av::removes(call.op)) return c.sendInProfileView(line.format("undo %s", s.command), CMD_DEL);
+    if (av::removes(call.op)) return c.sendInProfileView(AV_FORMAT(line, "undo %s", s.command), CMD_DEL);
     return c.unknownOp();
 }
 
 }  // namespace
 
-AV_EXPORT int callback_AV_ProfileAttack(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
-    return changeSwitch(kAttackEvidence, {data, op, node, error});
-}
+AV_HANDLER(callback_AV_ProfileAttack) { return changeSwitch(kAttackEvidence, {data, op, node, error}); }
 
-AV_EXPORT int callback_AV_ProfileInterworking(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
-    return changeSwitch(kInterworking, {data, op, node, error});
-}
+AV_HANDLER(callback_AV_ProfileInterworking) { return changeSwitch(kInterworking, {data, op, node, error}); }
 
-AV_EXPORT int callback_AV_ProfileHeuristic(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
-    return changeSwitch(kHeuristic, {data, op, node, error});
-}
+AV_HANDLER(callback_AV_ProfileHeuristic) { return changeSwitch(kHeuristic, {data, op, node, error}); }

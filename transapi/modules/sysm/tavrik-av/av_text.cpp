@@ -70,8 +70,8 @@ AV_EXPORT unsigned int AV_netconf_checkNodeName(const char* pcNodeContent, char*
         av::trace("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }
-    const char* format = AV_IsContainedSpaces(pcNodeTmp) == 0 ? "\"%s\"" : "%s";
-    snprintf_s(pcNodeOutName, uiLength, uiLength - 1, format, pcNodeTmp);
+    snprintf_s(pcNodeOutName, uiLength, uiLength - 1, AV_IsContainedSpaces(pcNodeTmp) == 0 ? "\"%s\"" : "%s",
+               pcNodeTmp);
     return 0;
 }
 

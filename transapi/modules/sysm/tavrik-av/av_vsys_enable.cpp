@@ -1,9 +1,9 @@
 // Assigning the antivirus function to a virtual system.
 #include "av_handlers.h"
 
-AV_EXPORT int callback_AV_VsysEnable(void** data, XMLDIFF_OP op, xmlNodePtr node, struct nc_err** error) {
+AV_HANDLER(callback_AV_VsysEnable) {
     av::Change c({data, op, node, error}, "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:antivirus-enable");
-    if (c.parentRemoved({1})) return 0;
+    if (auto end = c.screen({1})) return *end;
 
     const char* vsys = c.key(1, "name");
     if (vsys == nullptr) return c.refuse("The vsys name node is NULL.", NC_ERR_MISSING_ELEM);
@@ -17,18 +17,18 @@ AV_EXPORT int callback_AV_VsysEnable(void** data, XMLDIFF_OP op, xmlNodePtr node
     if (av::contains(text, '?')) return c.refuse("'?' is in the vsys antivirus-enable.", NC_ERR_BAD_ELEM);
     if (strchr(text, ' ') != nullptr) return c.refuse("blank is in the vsys antivirus-enable.", NC_ERR_BAD_ELEM);
     av::Text<32> assign;
-    assign.format("%s", text);
+    AV_FORMAT(assign, "%s", text);
 
     av::Text<512> line;
     CMD_OPERATION cmd = CMD_ADD;
     if (av::removes(op)) {
-        line.format("assign function av");
+        AV_FORMAT(line, "assign function av");
         cmd = CMD_DEL;
     } else if (av::addsOrModifies(op)) {
         if (assign.is("true"))
-            line.format("assign function av");
+            AV_FORMAT(line, "assign function av");
         else if (assign.is("false"))
-            line.format("undo assign function av");
+            AV_FORMAT(line, "undo assign function av");
         else
             return c.refuse("Unknown value of vsys av-enable.", NC_ERR_OP_FAILED);
     } else {

@@ -25,12 +25,11 @@ constexpr AddressKind kDestinationAddress{AV_WHITELIST_PATH "destinationAddress"
 constexpr AddressKind kSourceRange{AV_WHITELIST_PATH "sourceAddressRange", "Av source address range is null.",
                                    "whitelist source-address", true};
 constexpr AddressKind kDestinationRange{AV_WHITELIST_PATH "destinationAddressRange",
-                                        "Av destination address range is null.", "whitelist destination-address",
-                                        true};
+                                        "Av destination address range is null.", "whitelist destination-address", true};
 
-int changeAddress(const AddressKind& kind, const av::Call& call) {
-    av::ProfileChange c(call, kind.path, {4, 2});
-    if (c.finished()) return c.result();
+av::Result changeAddress(const AddressKind& kind, const av::Call& call) {
+    av::ProfileChange c(call, kind.path);
+    if (auto end = c.open({4, 2})) return *end;
 
     av::Text<128> address;
     av::Text<32> start, end;
@@ -54,9 +53,9 @@ int changeAddress(const AddressKind& kind, const av::Call& call) {
 
     av::Text<256> line;
     if (kind.range)
-        line.format("%s%s range %s %s", undo, kind.command, start.buf, end.buf);
+        AV_FORMAT(line, "%s%s range %s %s", undo, kind.command, start.buf, end.buf);
     else
-        line.format("%s%s %s", undo, kind.command, address.buf);
+        AV_FORMAT(line, "%s%s %s", undo, kind.command, address.buf);
     return c.sendInProfileView<256>(line, cmd);
 }
 

@@ -35,8 +35,8 @@ size_t rewrittenLength(const char* value) {
 }  // namespace
 
 AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
-    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "match-rule/value", {6, 4});
-    if (c.finished()) return c.result();
+    av::ProfileChange c({data, op, node, error}, AV_PROFILE_PATH "match-rule/value");
+    if (auto end = c.open({6, 4})) return *end;
 
     const char* scope = c.key(1, "scope");
     if (scope == nullptr) return c.refuse("The profile match rule scope node is NULL.", NC_ERR_MISSING_ELEM);
@@ -50,7 +50,7 @@ AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
 
     if (AV_MatchTypeCorrect(value, const_cast<char*>(type)) != 0) {
         av::trace("Av whitelist match type is error,in  %d\r\n", __LINE__);
-        return 1;
+        return av::kSilentFailure;
     }
 
     av::Text<256> line;
@@ -59,18 +59,18 @@ AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
         // is as over-long as a value that does not fit as it stands.
         if (rewrittenLength(value) >= sizeof value.buf) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
         if (AV_IsContainedSpacesMarks(value) == 0)
-            line.format("whitelist url \"%s\"", value.buf);
+            AV_FORMAT(line, "whitelist url \"%s\"", value.buf);
         else
-            line.format("whitelist url %s", value.buf);
+            AV_FORMAT(line, "whitelist url %s", value.buf);
     } else if (strcmp(scope, "host") == 0) {
-        line.format("whitelist host %s", value.buf);
+        AV_FORMAT(line, "whitelist host %s", value.buf);
     } else {
         return c.refuse("Av whitelist match scope is error.", NC_ERR_BAD_ELEM);
     }
 
     if (av::removes(op)) {
         av::Text<256> undo;
-        return c.sendInProfileView<256>(undo.format("undo %s", line.buf), CMD_DEL);
+        return c.sendInProfileView<256>(AV_FORMAT(undo, "undo %s", line.buf), CMD_DEL);
     }
     if (av::addsOrModifies(op)) return c.sendInProfileView<256>(line, CMD_ADD);
     return c.unknownOp();

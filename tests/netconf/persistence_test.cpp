@@ -98,7 +98,13 @@ TEST_F(FileTest, MakeDirectoriesCreatesTheMissingParents) {
 
 class DatastoreTest : public FileTest {
 protected:
-    DatastoreOptions options() const { return {TKAV_MODULE, TKAV_YANG_DIR, dir, false}; }
+    DatastoreOptions options() const {
+        DatastoreOptions options;
+        options.module_path = TKAV_MODULE;
+        options.yang_dir = TKAV_YANG_DIR;
+        options.state_dir = dir;
+        return options;
+    }
     // An edit-config merging `config` (text, read by the store as the server
     // reads <config>).
     static std::optional<RpcError> edit(Datastore& store, std::string_view config, std::uint32_t session = 1,
@@ -174,20 +180,20 @@ TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone) {
 TEST_F(DatastoreTest, TheLockBelongsToOneSessionUntilItEnds) {
     Datastore store(options());
     const auto holder = [&] { return store.datastores().at(0).lock_holder; };
-    ASSERT_EQ(store.datastores().size(), 1u);
+    ASSERT_EQ(store.datastores().size(), 3u);
     EXPECT_EQ(store.datastores()[0].name, "running");
     EXPECT_EQ(holder(), 0u);
     const auto before = std::chrono::system_clock::now();
-    EXPECT_EQ(store.lock(7), 0u);
+    EXPECT_FALSE(store.lock(7));
     EXPECT_EQ(holder(), 7u);
     EXPECT_GE(store.datastores()[0].locked_since, before);
-    EXPECT_EQ(store.lock(8), 7u);
+    EXPECT_EQ(store.lock(8)->session, 7u);
     EXPECT_EQ(edit(store, kProfile, 8)->tag, engine::ErrorTag::InUse);
     EXPECT_FALSE(store.unlock(8));
     EXPECT_EQ(edit(store, kProfile, 7), std::nullopt);
     store.session_ended(7);
     EXPECT_EQ(holder(), 0u);
-    EXPECT_EQ(store.lock(8), 0u);
+    EXPECT_FALSE(store.lock(8));
     EXPECT_TRUE(store.unlock(8));
 }
 

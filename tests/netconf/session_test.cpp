@@ -37,24 +37,7 @@ const std::string kProfile = antivirus(R"(
     </whitelists>
   </profile></profiles></vsys>)");
 
-std::string profile_edit(std::string_view profile_body, std::string_view profile_attributes = {}) {
-    return antivirus("<vsys><name>vs1</name><profiles><profile" + std::string(profile_attributes) + ">" +
-                     std::string(profile_body) + "</profile></profiles></vsys>");
-}
-
-constexpr const char* kNcOperation = " xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=";
-
-class SessionTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        daemon.start();
-        client = daemon.connect();
-        ASSERT_TRUE(client) << daemon.stderr_text();
-    }
-
-    Daemon daemon;
-    std::unique_ptr<Client> client;
-};
+using SessionTest = DaemonTest;
 
 TEST_F(SessionTest, HelloAnnouncesTheModelAndTheCapabilitiesServed) {
     const auto caps = client->capabilities();

@@ -88,14 +88,18 @@ std::string print(const lyd_node* tree) {
     return out;
 }
 
-std::string configuration_name(DatastoreId datastore) { return "the " + std::string(name_of(datastore)) + " configuration"; }
+std::string configuration_name(DatastoreId datastore) {
+    return "the " + std::string(name_of(datastore)) + " configuration";
+}
 
 RpcError in_use(DatastoreId datastore, std::uint32_t holder) {
     return RpcError(ErrorType::Protocol, ErrorTag::InUse,
                     configuration_name(datastore) + " is locked by session " + std::to_string(holder));
 }
 
-RpcError failed(std::string message) { return RpcError(ErrorType::Application, ErrorTag::OperationFailed, std::move(message)); }
+RpcError failed(std::string message) {
+    return RpcError(ErrorType::Application, ErrorTag::OperationFailed, std::move(message));
+}
 
 struct Lock {
     std::uint32_t holder = 0;
@@ -187,7 +191,8 @@ struct Datastore::Impl {
     // Every change of the running configuration ends here: what the engine
     // did (`result`) is committed to disk, or undone when it cannot be, and
     // reported.
-    std::optional<RpcError> settle(std::uint32_t session, std::optional<DatastoreId> source, engine::EditResult result) {
+    std::optional<RpcError> settle(std::uint32_t session, std::optional<DatastoreId> source,
+                                   engine::EditResult result) {
         if (!result.ok) return result.error;
         try {
             commit();
@@ -196,7 +201,8 @@ struct Datastore::Impl {
             restore_committed();
             return failed(std::string("the configuration could not be saved, the edit is undone: ") + e.what());
         }
-        if (options.listener && !result.changes.empty()) options.listener->running_changed(session, source, result.changes);
+        if (options.listener && !result.changes.empty())
+            options.listener->running_changed(session, source, result.changes);
         return std::nullopt;
     }
 
@@ -368,7 +374,9 @@ Datastore::Datastore(const DatastoreOptions& options) : impl_(std::make_unique<I
         engine::ParsedXml parsed = d.engine->parse(*startup);
         DataTree tree;
         std::optional<RpcError> error = parsed.error ? parsed.error : d.engine->apply(tree, parsed.tree.get()).error;
-        if (error) throw DatastoreError("the startup configuration " + d.file(kStartupFile) + " cannot be read: " + error->message);
+        if (error)
+            throw DatastoreError("the startup configuration " + d.file(kStartupFile) +
+                                 " cannot be read: " + error->message);
         d.startup = std::move(tree);
     }
     // The daemon stopped before a confirmed commit was confirmed: the
@@ -537,9 +545,10 @@ std::optional<LockRefusal> Datastore::lock(std::uint32_t session, DatastoreId da
     Impl& d = *impl_;
     Lock& held = d.lock_of(datastore);
     const std::string name = configuration_name(datastore);
-    if (held.holder)
-        return LockRefusal{held.holder, held.holder == session ? "this session already holds the lock of " + name
-                                                               : name + " is locked by session " + std::to_string(held.holder)};
+    if (held.holder) {
+        if (held.holder == session) return LockRefusal{session, "this session already holds the lock of " + name};
+        return LockRefusal{held.holder, name + " is locked by session " + std::to_string(held.holder)};
+    }
     // RFC 6241 7.5: not while the candidate holds changes of another session,
     // nor while another session's confirmed commit is pending.
     if (datastore == DatastoreId::Candidate)
@@ -563,7 +572,8 @@ void Datastore::session_ended(std::uint32_t session) {
     std::lock_guard lock(impl_->mutex);
     Impl& d = *impl_;
     for (const DatastoreId datastore : kDatastores) d.release(session, datastore);
-    if (d.pending && !d.pending->persist && d.pending->session == session) d.roll_back(session, ConfirmedCommitEvent::Cancel);
+    if (d.pending && !d.pending->persist && d.pending->session == session)
+        d.roll_back(session, ConfirmedCommitEvent::Cancel);
 }
 
 std::vector<DatastoreStatus> Datastore::datastores() const {

@@ -473,7 +473,8 @@ nc_server_reply* op_commit(lyd_node* rpc, nc_session* session) {
         CommitRequest request;
         request.confirmed = find(rpc, "confirmed") != nullptr;
         // uint32, 1..max, default 600: the model has checked it.
-        request.timeout = std::chrono::seconds(std::strtoul(std::string(value_of(rpc, "confirm-timeout", "600")).c_str(), nullptr, 10));
+        const std::string timeout(value_of(rpc, "confirm-timeout", "600"));
+        request.timeout = std::chrono::seconds(std::strtoul(timeout.c_str(), nullptr, 10));
         request.persist = optional_value(rpc, "persist");
         request.persist_id = optional_value(rpc, "persist-id");
         return edit_reply(g_service->datastore.commit(sid, request));

@@ -444,9 +444,6 @@ class NcclientTest(unittest.TestCase):
         self.m.close_session()
         self.m = self.daemon.connect()
         self.assertEqual(texts(self.running(), "description"), ["persistent"])
-        with self.assertRaises(RPCError) as caught:
-            self.m.commit(persist_id="another-token")
-        self.assertEqual(caught.exception.tag, "invalid-value")
         self.m.commit(persist_id="tkav-token")
         with self.assertRaises(RPCError):  # nothing left to cancel
             self.m.cancel_commit(persist_id="tkav-token")
@@ -468,20 +465,6 @@ class NcclientTest(unittest.TestCase):
         other.close_session()
         self.wait_for(lambda: self.running() == running, "the end of the session did not roll back")
         self.assertEqual(self.appliance_configuration(), appliance)
-
-    def test_the_candidate_is_not_locked_while_another_session_has_changes_in_it(self):
-        other = self.daemon.connect()
-        try:
-            other.edit_config(target="candidate", config=described("uncommitted"))
-            with self.assertRaises(RPCError) as caught:
-                self.m.lock(target="candidate")
-            self.assertEqual(caught.exception.tag, "lock-denied")
-            self.assertIn(str(other.session_id), caught.exception.info)
-            other.discard_changes()
-            self.m.lock(target="candidate")
-            self.m.unlock(target="candidate")
-        finally:
-            other.close_session()
 
     def test_the_staged_example_client_confirms_and_sees_a_revert(self):
         run = subprocess.run([sys.executable, os.path.join(EXAMPLES, "client", "staged-commit.py"),

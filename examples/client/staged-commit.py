@@ -34,8 +34,8 @@ def description(m, source, args):
 
 
 def show(m, args):
-    print(f"  running:   {description(m, 'running', args)}")
-    print(f"  candidate: {description(m, 'candidate', args)}", flush=True)
+    print(f"   running:   {description(m, 'running', args)}")
+    print(f"   candidate: {description(m, 'candidate', args)}", flush=True)
 
 
 def main():

@@ -171,6 +171,9 @@ struct Datastore::Impl {
         }
         timer_wake.notify_all();
         if (timer.joinable()) timer.join();
+        // The trees go before the engine, whose context may be theirs.
+        candidate.reset();
+        startup.reset();
         engine.reset();  // the module closes while its platform is still there
         runtime::set_platform(nullptr);
     }

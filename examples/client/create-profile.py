@@ -8,19 +8,12 @@ lines the embedded appliance received for it.
 Needs Debian's python3-ncclient (run it with /usr/bin/python3).
 """
 
-import argparse
 import sys
 
-import ncclient.transport.ssh
-from ncclient import manager
 from ncclient.operations.rpc import RPCError
 from ncclient.xml_ import to_xml
 
-ncclient.transport.ssh.TICK = 0.01  # ncclient's reply polling, 0.1 s by default
-
-NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
-DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
-NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
+from common import DAEMON_NS, NC_NS, NS, argument_parser, connect, profile_filter
 
 
 def profile_config(vsys, name):
@@ -67,23 +60,14 @@ def received_lines(m):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--host", default="127.0.0.1")
-    parser.add_argument("--port", type=int, default=8830)
-    parser.add_argument("--user", default="admin")
-    parser.add_argument("--password", default="admin")
-    parser.add_argument("--vsys", default="vs1")
+    parser = argument_parser(__doc__)
     parser.add_argument("--profile", default="p1")
     args = parser.parse_args()
 
-    try:
-        m = manager.connect(host=args.host, port=args.port, username=args.user, password=args.password,
-                            hostkey_verify=False, allow_agent=False, look_for_keys=False, timeout=30)
-    except Exception as e:
-        print(f"cannot connect to {args.host}:{args.port} as {args.user}: {e}", file=sys.stderr)
+    m = connect(args)
+    if m is None:
         return 1
     with m:
-        print(f"connected to {args.host}:{args.port}, session {m.session_id}", flush=True)
         before, _ = received_lines(m)
         try:
             m.edit_config(target="running", config=profile_config(args.vsys, args.profile))
@@ -100,9 +84,7 @@ def main():
             view = line["view"] + (f" ({line['view-template']})" if line["view-template"] else "")
             print(f"  vsys {line['vsys']:<8} {view:<32} {line['command-op']:<6} {line['line']}")
 
-        config = m.get_config(source="running", filter=(
-            "subtree", f'<antivirus xmlns="{NS}"><vsys><name>{args.vsys}</name><profiles><profile>'
-                       f'<name>{args.profile}</name></profile></profiles></vsys></antivirus>'))
+        config = m.get_config(source="running", filter=profile_filter(args.vsys, args.profile))
         print("\nthe running configuration now holds:")
         for element in config.data_ele:
             print(to_xml(element, pretty_print=True).rstrip())

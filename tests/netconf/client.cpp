@@ -88,6 +88,16 @@ T* enum_value(std::string_view text, std::initializer_list<std::pair<std::string
     return nullptr;
 }
 
+NC_DATASTORE datastore_named(std::string_view name) {
+    NC_DATASTORE out = NC_DATASTORE_ERROR;
+    if (!enum_value<NC_DATASTORE>(name, {{"running", NC_DATASTORE_RUNNING},
+                                         {"candidate", NC_DATASTORE_CANDIDATE},
+                                         {"startup", NC_DATASTORE_STARTUP}},
+                                  out))
+        ADD_FAILURE() << "no datastore " << name;
+    return out;
+}
+
 // Walks the elements of an XML text (several top-level elements allowed).
 void for_each_element(std::string_view xml, const std::function<void(xmlNode*)>& visit) {
     const std::string wrapped = "<wrapped-for-test>" + std::string(xml) + "</wrapped-for-test>";
@@ -185,7 +195,7 @@ Reply Client::send(nc_rpc* rpc) {
 }
 
 Reply Client::edit(std::string_view config, std::string_view default_operation, std::string_view test_option,
-                   std::string_view error_option) {
+                   std::string_view error_option, std::string_view target) {
     NC_RPC_EDIT_DFLTOP dflt = NC_RPC_EDIT_DFLTOP_UNKNOWN;
     NC_RPC_EDIT_TESTOPT test = NC_RPC_EDIT_TESTOPT_UNKNOWN;
     NC_RPC_EDIT_ERROPT err = NC_RPC_EDIT_ERROPT_UNKNOWN;
@@ -205,12 +215,12 @@ Reply Client::edit(std::string_view config, std::string_view default_operation, 
                                     {"rollback-on-error", NC_RPC_EDIT_ERROPT_ROLLBACK}},
                                    err);
     const std::string content(config);
-    return send(nc_rpc_edit(NC_DATASTORE_RUNNING, dflt, test, err, content.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
+    return send(nc_rpc_edit(datastore_named(target), dflt, test, err, content.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
 }
 
-Reply Client::get_config(std::string_view filter) {
+Reply Client::get_config(std::string_view filter, std::string_view source) {
     const std::string f(filter);
-    return send(nc_rpc_getconfig(NC_DATASTORE_RUNNING, f.empty() ? nullptr : f.c_str(), NC_WD_UNKNOWN,
+    return send(nc_rpc_getconfig(datastore_named(source), f.empty() ? nullptr : f.c_str(), NC_WD_UNKNOWN,
                                  NC_PARAMTYPE_DUP_AND_FREE));
 }
 
@@ -219,8 +229,8 @@ Reply Client::get(std::string_view filter) {
     return send(nc_rpc_get(f.empty() ? nullptr : f.c_str(), NC_WD_UNKNOWN, NC_PARAMTYPE_DUP_AND_FREE));
 }
 
-Reply Client::lock() { return send(nc_rpc_lock(NC_DATASTORE_RUNNING)); }
-Reply Client::unlock() { return send(nc_rpc_unlock(NC_DATASTORE_RUNNING)); }
+Reply Client::lock(std::string_view datastore) { return send(nc_rpc_lock(datastore_named(datastore))); }
+Reply Client::unlock(std::string_view datastore) { return send(nc_rpc_unlock(datastore_named(datastore))); }
 Reply Client::kill(std::uint32_t session) { return send(nc_rpc_kill(session)); }
 
 Reply Client::validate(std::string_view config) {
@@ -229,11 +239,35 @@ Reply Client::validate(std::string_view config) {
     return send(nc_rpc_validate(NC_DATASTORE_CONFIG, c.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
 }
 
-Reply Client::copy_config(std::string_view config) {
+Reply Client::validate_datastore(std::string_view source) {
+    return send(nc_rpc_validate(datastore_named(source), nullptr, NC_PARAMTYPE_CONST));
+}
+
+Reply Client::copy_config(std::string_view config, std::string_view target) {
     const std::string c(config);
-    return send(nc_rpc_copy(NC_DATASTORE_RUNNING, nullptr, NC_DATASTORE_CONFIG, c.c_str(), NC_WD_UNKNOWN,
+    return send(nc_rpc_copy(datastore_named(target), nullptr, NC_DATASTORE_CONFIG, c.c_str(), NC_WD_UNKNOWN,
                             NC_PARAMTYPE_DUP_AND_FREE));
 }
+
+Reply Client::copy(std::string_view target, std::string_view source) {
+    return send(nc_rpc_copy(datastore_named(target), nullptr, datastore_named(source), nullptr, NC_WD_UNKNOWN,
+                            NC_PARAMTYPE_CONST));
+}
+
+Reply Client::delete_startup() { return send(nc_rpc_delete(NC_DATASTORE_STARTUP, nullptr, NC_PARAMTYPE_CONST)); }
+
+Reply Client::commit(bool confirmed, std::uint32_t timeout, std::string_view persist, std::string_view persist_id) {
+    const std::string p(persist), id(persist_id);
+    return send(nc_rpc_commit(confirmed, timeout, p.empty() ? nullptr : p.c_str(), id.empty() ? nullptr : id.c_str(),
+                              NC_PARAMTYPE_DUP_AND_FREE));
+}
+
+Reply Client::cancel_commit(std::string_view persist_id) {
+    const std::string id(persist_id);
+    return send(nc_rpc_cancel(id.empty() ? nullptr : id.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
+}
+
+Reply Client::discard_changes() { return send(nc_rpc_discard()); }
 
 Reply Client::get_schema(std::string_view identifier, std::string_view version, std::string_view format) {
     const std::string i(identifier), v(version), f(format);
@@ -248,8 +282,8 @@ Reply Client::rpc(std::string_view xml) {
 
 Reply Client::close() { return rpc("<close-session xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>"); }
 
-std::string Client::running() {
-    const Reply reply = get_config();
+std::string Client::running(std::string_view datastore) {
+    const Reply reply = get_config({}, datastore);
     EXPECT_TRUE(reply.data) << "no <data> in the get-config reply";
     return reply.data.value_or("");
 }
@@ -344,6 +378,11 @@ bool RawSession::ended() {
 
 std::string antivirus(std::string_view body) {
     return "<antivirus xmlns=\"" + std::string(kModelNs) + "\">" + std::string(body) + "</antivirus>";
+}
+
+std::string profile_edit(std::string_view profile_body, std::string_view profile_attributes) {
+    return antivirus("<vsys><name>vs1</name><profiles><profile" + std::string(profile_attributes) + ">" +
+                     std::string(profile_body) + "</profile></profiles></vsys>");
 }
 
 std::string appliance_filter(std::string_view inner) {

@@ -2,6 +2,7 @@
 // API, and a helper that runs the daemon.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -48,23 +49,34 @@ public:
     std::uint32_t id() const;
     std::vector<std::string> capabilities() const;
 
+    // Datastores are named "running", "candidate" or "startup".
     Reply send(nc_rpc* rpc);  // takes the RPC
     Reply edit(std::string_view config, std::string_view default_operation = "merge",
-               std::string_view test_option = "test-then-set", std::string_view error_option = "");
-    Reply get_config(std::string_view filter = {});
+               std::string_view test_option = "test-then-set", std::string_view error_option = "",
+               std::string_view target = "running");
+    Reply get_config(std::string_view filter = {}, std::string_view source = "running");
     Reply get(std::string_view filter = {});
-    Reply lock();
-    Reply unlock();
+    Reply lock(std::string_view datastore = "running");
+    Reply unlock(std::string_view datastore = "running");
     Reply kill(std::uint32_t session);
     Reply validate(std::string_view config);  // empty: the running configuration
-    Reply copy_config(std::string_view config);
+    Reply validate_datastore(std::string_view source);
+    Reply copy_config(std::string_view config, std::string_view target = "running");  // inline <config>
+    Reply copy(std::string_view target, std::string_view source);                     // datastores
+    Reply delete_startup();
+    // timeout 0: none given.
+    Reply commit(bool confirmed = false, std::uint32_t timeout = 0, std::string_view persist = {},
+                 std::string_view persist_id = {});
+    Reply cancel_commit(std::string_view persist_id = {});
+    Reply discard_changes();
     Reply get_schema(std::string_view identifier, std::string_view version = {}, std::string_view format = {});
     Reply rpc(std::string_view xml);  // any RPC given as XML
     Reply close();
 
-    // The running configuration and the appliance's configuration (as the
-    // module reads it), each as XML text ("" when empty).
-    std::string running();
+    // The running configuration (or another datastore's) and the
+    // appliance's configuration (as the module reads it), each as XML text
+    // ("" when empty).
+    std::string running(std::string_view datastore = "running");
     std::string appliance_configuration();
     std::uint64_t lines_received();
 
@@ -102,6 +114,11 @@ private:
 
 // The model's configuration wrapped for an edit: <antivirus> with `body`.
 std::string antivirus(std::string_view body);
+// An edit of profile p1 in vsys vs1: `profile_body` within <profile>, which
+// carries `profile_attributes`.
+std::string profile_edit(std::string_view profile_body, std::string_view profile_attributes = {});
+// The start of an ietf-netconf operation attribute: kNcOperation + "\"delete\"".
+inline constexpr const char* kNcOperation = " xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=";
 // A subtree filter element of the daemon's own model.
 std::string appliance_filter(std::string_view inner = {});
 
@@ -153,6 +170,19 @@ private:
     std::string pid_file_;
     pid_t pid_ = -1;
     pid_t stdio_pid_ = -1;
+};
+
+// A daemon of its own for each test, and a session on it.
+class DaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        daemon.start();
+        client = daemon.connect();
+        ASSERT_TRUE(client) << daemon.stderr_text();
+    }
+
+    Daemon daemon;
+    std::unique_ptr<Client> client;
 };
 
 }  // namespace tavrik::netconf::test

@@ -41,6 +41,8 @@ NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
 PROFILE_PATH = "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']/"
 
 OPTIONS = None  # set from the command line
+SLOW = 1  # how much longer things take: 10 under valgrind
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
 
 
 def config(body):
@@ -50,6 +52,10 @@ def config(body):
 def profile(body, attributes=""):
     return config(f"<vsys><name>vs1</name><profiles><profile{attributes}>{body}"
                   "</profile></profiles></vsys>")
+
+
+def described(text, name="p1"):
+    return profile(f"<name>{name}</name><description>{text}</description>")
 
 
 FULL_PROFILE = profile("""
@@ -109,12 +115,12 @@ class Daemon:
                       f"user admin password s3cret\nuser alice authorized-key {self.key_file}.pub\n"
                       f"user bob password-hash {hashed}\n")
 
-    def start(self):
+    def start(self, extra=()):
         pid_file = os.path.join(self.dir, "pid")
         if os.path.exists(pid_file):
             os.unlink(pid_file)
         command = [OPTIONS.daemon, "--config", os.path.join(self.dir, "daemon.conf"),
-                   "--pid-file", pid_file]
+                   "--pid-file", pid_file, *extra]
         if OPTIONS.valgrind:
             log = os.path.join(self.dir, f"valgrind-{len(self.valgrind_logs)}.log")
             self.valgrind_logs.append(log)
@@ -123,7 +129,7 @@ class Daemon:
                        f"--suppressions={os.path.dirname(os.path.abspath(__file__))}/valgrind.supp"] + command
         self.stderr = open(os.path.join(self.dir, "stderr.log"), "a")
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=self.stderr)
-        deadline = time.time() + (300 if OPTIONS.valgrind else 30)
+        deadline = time.time() + SLOW * 30
         while not os.path.exists(pid_file):
             if self.process.poll() is not None or time.time() > deadline:
                 raise RuntimeError("tkav-netconfd did not start:\n" + self.log())
@@ -143,6 +149,13 @@ class Daemon:
             if report.strip():
                 print(f"valgrind on tkav-netconfd:\n{report}", file=sys.stderr)
         return status
+
+    def kill(self):
+        """SIGKILL: the daemon stops wherever it is."""
+        self.process.kill()
+        self.process.wait()
+        self.stderr.close()
+        self.process = None
 
     def log(self):
         with open(os.path.join(self.dir, "stderr.log")) as f:
@@ -183,10 +196,21 @@ class NcclientTest(unittest.TestCase):
     def setUp(self):
         self.m = self.daemon.connect()
         self.m.edit_config(target="running", config=config(""), default_operation="replace")
+        self.m.discard_changes()
         self.addCleanup(lambda: self.m.connected and self.m.close_session())
 
-    def running(self):
-        return self.m.get_config(source="running").data_xml
+    def running(self, source="running"):
+        return self.m.get_config(source=source).data_xml
+
+    def lines_received(self):
+        return int(texts(self.appliance(), "lines-received")[0])
+
+    def wait_for(self, condition, failure):
+        deadline = time.time() + SLOW * 30
+        while not condition():
+            if time.time() > deadline:
+                self.fail(failure)
+            time.sleep(0.1)
 
     def appliance(self):
         reply = self.m.get(filter=("subtree", f'<appliance xmlns="{DAEMON_NS}"/>'))
@@ -304,7 +328,7 @@ class NcclientTest(unittest.TestCase):
 
         self.m.lock(target="running")
         lock = state("<datastores/>")
-        self.assertEqual(texts(lock, "name"), ["running"])
+        self.assertEqual(texts(lock, "name"), ["running", "candidate", "startup"])
         self.assertEqual(texts(lock, "locked-by-session"), [str(self.m.session_id)])
         self.assertTrue(texts(lock, "locked-time")[0].startswith(time.strftime("%Y-", time.gmtime())))
         self.m.unlock(target="running")
@@ -365,8 +389,7 @@ class NcclientTest(unittest.TestCase):
                 self.daemon.connect(**credentials)
 
     def test_the_example_client_creates_a_profile_and_shows_the_lines(self):
-        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples", "client",
-                              "create-profile.py")
+        script = os.path.join(EXAMPLES, "client", "create-profile.py")
         run = subprocess.run([sys.executable, script, "--port", str(self.daemon.port), "--user", "admin",
                               "--password", "s3cret", "--profile", "from-example"],
                              capture_output=True, text=True, timeout=300)
@@ -375,6 +398,122 @@ class NcclientTest(unittest.TestCase):
         self.assertIn("add    profile type av name from-example", run.stdout)
         self.assertIn("<name>from-example</name>", run.stdout)
         self.assertIn("from-example", texts(self.running(), "name"))
+
+    def test_the_candidate_stages_edits_until_they_are_committed(self):
+        running, lines = self.running(), self.lines_received()
+        self.m.edit_config(target="candidate", config=described("staged"))
+        self.m.edit_config(target="candidate", config=profile("<name>p2</name>"))
+        self.assertEqual(self.running(), running)
+        self.assertEqual(self.lines_received(), lines)  # the appliance heard nothing
+        self.assertEqual(texts(self.running("candidate"), "name"), ["vs1", "p1", "p2"])
+        self.m.validate(source="candidate")
+        self.m.commit()
+        self.assertGreater(self.lines_received(), lines)
+        for configuration in (self.running(), self.appliance_configuration()):
+            self.assertEqual(texts(configuration, "description"), ["staged"])
+            self.assertIn("p2", texts(configuration, "name"))
+        self.m.edit_config(target="candidate", config=profile("<name>p3</name>"))
+        self.m.discard_changes()
+        self.assertEqual(self.running("candidate"), self.running())
+
+    def test_a_candidate_the_module_refuses_fails_at_commit_and_changes_nothing(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, appliance, lines = self.running(), self.appliance_configuration(), self.lines_received()
+        self.m.edit_config(target="candidate", config=described("which traffic?"))
+        with self.assertRaises(RPCError) as caught:
+            self.m.commit()
+        self.assertEqual(caught.exception.tag, "bad-element")
+        self.assertEqual(caught.exception.path, PROFILE_PATH + "description")
+        self.assertTrue(caught.exception.message)
+        self.assertEqual(self.running(), running)
+        self.assertEqual(self.appliance_configuration(), appliance)
+        self.assertEqual(self.lines_received(), lines)
+
+    def test_a_confirmed_commit_that_is_not_confirmed_reverts(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, appliance = self.running(), self.appliance_configuration()
+        self.m.edit_config(target="candidate", config=described("on trial"))
+        self.m.commit(confirmed=True, timeout=str(2 * SLOW))
+        self.assertEqual(texts(self.appliance_configuration(), "description"), ["on trial"])
+        self.wait_for(lambda: self.running() == running, "the confirmed commit was not rolled back")
+        self.assertEqual(self.appliance_configuration(), appliance)
+
+    def test_a_persistent_confirmed_commit_is_confirmed_from_a_new_session(self):
+        self.m.edit_config(target="candidate", config=described("persistent"))
+        self.m.commit(confirmed=True, persist="tkav-token")
+        self.m.close_session()
+        self.m = self.daemon.connect()
+        self.assertEqual(texts(self.running(), "description"), ["persistent"])
+        self.m.commit(persist_id="tkav-token")
+        with self.assertRaises(RPCError):  # nothing left to cancel
+            self.m.cancel_commit(persist_id="tkav-token")
+        self.assertEqual(texts(self.running(), "description"), ["persistent"])
+
+    def test_cancel_commit_and_the_end_of_the_session_roll_back(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, appliance = self.running(), self.appliance_configuration()
+        self.m.edit_config(target="candidate", config=described("cancelled"))
+        self.m.commit(confirmed=True)
+        self.m.cancel_commit()
+        self.assertEqual(self.running(), running)
+        self.assertEqual(self.appliance_configuration(), appliance)
+
+        other = self.daemon.connect()
+        other.edit_config(target="candidate", config=described("abandoned"))
+        other.commit(confirmed=True)
+        self.assertEqual(texts(self.running(), "description"), ["abandoned"])
+        other.close_session()
+        self.wait_for(lambda: self.running() == running, "the end of the session did not roll back")
+        self.assertEqual(self.appliance_configuration(), appliance)
+
+    def test_the_staged_example_client_confirms_and_sees_a_revert(self):
+        run = subprocess.run([sys.executable, os.path.join(EXAMPLES, "client", "staged-commit.py"),
+                              "--port", str(self.daemon.port), "--password", "s3cret", "--confirm-timeout",
+                              str(2 * SLOW)], capture_output=True, text=True, timeout=300)
+        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
+        self.assertIn("the daemon restored the configuration", run.stdout)
+        self.assertEqual(texts(self.running(), "description"), ["confirmed change"])
+
+    def test_yangcli_stages_in_the_candidate_and_commits(self):
+        home = tempfile.mkdtemp(dir=self.daemon.dir)  # yangcli keeps its history there
+        run = subprocess.run(["yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}",
+                              "--user=admin", "--password=s3cret",
+                              "--run-script=" + os.path.join(EXAMPLES, "client", "candidate-commit.yangcli")],
+                             env={**os.environ, "HOME": home}, stdin=subprocess.DEVNULL, capture_output=True,
+                             text=True, timeout=SLOW * 60)
+        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
+        self.assertNotIn("rpc-error", run.stdout)
+        for configuration in (self.running(), self.appliance_configuration()):
+            self.assertEqual(texts(configuration, "description"), ["staged by yangcli"])
+            self.assertEqual(texts(configuration, "heuristic-detect-enable"), ["true"])
+
+    def test_zz_boot_from_startup_brings_running_and_the_appliance_to_it(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        self.m.copy_config(source="running", target="startup")
+        startup, appliance = self.running("startup"), self.appliance_configuration()
+        self.m.edit_config(target="running", config=described("edited after saving"))
+        self.m.close_session()
+        self.assertEqual(self.daemon.stop(), 0, self.daemon.log())
+        self.daemon.start(["--boot-from-startup", "yes"])
+        self.m = self.daemon.connect()
+        self.assertEqual(self.running(), startup)
+        self.assertEqual(self.appliance_configuration(), appliance)
+        self.m.delete_config(target="startup")
+        self.assertEqual(texts(self.running("startup"), "profile"), [])
+
+    def test_zz_a_confirmed_commit_pending_at_a_restart_is_rolled_back(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, appliance = self.running(), self.appliance_configuration()
+        self.m.edit_config(target="candidate", config=described("pending"))
+        self.m.commit(confirmed=True, persist="across-restarts")
+        self.daemon.kill()
+        self.daemon.start()
+        self.m = self.daemon.connect()
+        self.assertEqual(self.running(), running)
+        self.assertEqual(self.appliance_configuration(), appliance)
+        with self.assertRaises(RPCError):  # it is over
+            self.m.commit(persist_id="across-restarts")
+        self.assertIn("a confirmed commit was pending when the daemon stopped", self.daemon.log())
 
     def test_zz_restart_keeps_the_configuration(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
@@ -391,11 +530,12 @@ class NcclientTest(unittest.TestCase):
 
 
 def main():
-    global OPTIONS
+    global OPTIONS, SLOW
     parser = argparse.ArgumentParser()
     parser.add_argument("--daemon", required=True)
     parser.add_argument("--valgrind", action="store_true")
     OPTIONS, rest = parser.parse_known_args()
+    SLOW = 10 if OPTIONS.valgrind else 1
     if OPTIONS.valgrind and not shutil.which("valgrind"):
         print("valgrind is not installed", file=sys.stderr)
         return 1

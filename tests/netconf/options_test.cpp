@@ -19,7 +19,8 @@ Options parse(std::vector<const char*> args) {
 
 TEST(OptionsTest, CommandLine) {
     const Options o = parse({"--ssh", "127.0.0.1:1830", "--unix-socket=/run/x.sock", "--user", "admin:se:cret",
-                             "--authorized-key", "alice:/keys/a.pub", "--workers", "4", "--sync", "no", "-v", "-v"});
+                             "--authorized-key", "alice:/keys/a.pub", "--workers", "4", "--sync", "no",
+                             "--boot-from-startup", "yes", "-v", "-v"});
     ASSERT_TRUE(o.ssh);
     EXPECT_EQ(o.ssh->address, "127.0.0.1");
     EXPECT_EQ(o.ssh->port, 1830);
@@ -30,6 +31,7 @@ TEST(OptionsTest, CommandLine) {
     EXPECT_EQ(o.users[1].authorized_keys, std::vector<std::string>{"/keys/a.pub"});
     EXPECT_EQ(o.workers, 4u);
     EXPECT_FALSE(o.sync_writes);
+    EXPECT_TRUE(o.boot_from_startup);
     EXPECT_EQ(o.verbosity, 3);
     EXPECT_EQ(o.host_key_path(), "/state/ssh_host_ecdsa_key");
 }
@@ -38,6 +40,7 @@ TEST(OptionsTest, DefaultsAndSwitches) {
     const Options o = parse({});
     EXPECT_EQ(o.unix_socket_path(), "/state/netconf.sock");
     EXPECT_TRUE(o.unix_enabled);
+    EXPECT_FALSE(o.boot_from_startup);
     const Options off = parse({"--no-ssh", "--no-unix"});
     EXPECT_FALSE(off.ssh);
     EXPECT_FALSE(off.unix_enabled);

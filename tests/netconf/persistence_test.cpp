@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
+#include <utility>
 
 #include "print_tree.hpp"
 #include "atomic_file.hpp"
@@ -98,18 +101,35 @@ TEST_F(FileTest, MakeDirectoriesCreatesTheMissingParents) {
 
 class DatastoreTest : public FileTest {
 protected:
-    DatastoreOptions options() const { return {TKAV_MODULE, TKAV_YANG_DIR, dir, false}; }
+    DatastoreOptions options() const {
+        DatastoreOptions options;
+        options.module_path = TKAV_MODULE;
+        options.yang_dir = TKAV_YANG_DIR;
+        options.state_dir = dir;
+        return options;
+    }
     // An edit-config merging `config` (text, read by the store as the server
     // reads <config>).
     static std::optional<RpcError> edit(Datastore& store, std::string_view config, std::uint32_t session = 1,
-                                        TestOption test = TestOption::TestThenSet) {
+                                        TestOption test = TestOption::TestThenSet,
+                                        DatastoreId target = DatastoreId::Running) {
         const engine::ParsedXml parsed = store.parse(config);
         if (parsed.error) return parsed.error;
-        return store.edit(session, {parsed.tree.get(), engine::DefaultOperation::Merge, test});
+        return store.edit(session, {parsed.tree.get(), engine::DefaultOperation::Merge, test, target});
     }
-    static constexpr std::string_view kProfile =
-        "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys><name>vs1</name><profiles>"
-        "<profile><name>p1</name><description>kept</description></profile></profiles></vsys></antivirus>";
+    // copy-config of inline <config>.
+    static std::optional<RpcError> copy(Datastore& store, std::string_view config, DatastoreId target,
+                                        std::uint32_t session = 1) {
+        const engine::ParsedXml parsed = store.parse(config);
+        if (parsed.error) return parsed.error;
+        return store.copy(session, target, ConfigSource{std::nullopt, parsed.tree.get()});
+    }
+    static std::string profile(std::string_view description) {
+        return "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys><name>vs1</name><profiles>"
+               "<profile><name>p1</name><description>" +
+               std::string(description) + "</description></profile></profiles></vsys></antivirus>";
+    }
+    static inline const std::string kProfile = profile("kept");
 };
 
 std::string running_text(Datastore& store) {
@@ -174,21 +194,135 @@ TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone) {
 TEST_F(DatastoreTest, TheLockBelongsToOneSessionUntilItEnds) {
     Datastore store(options());
     const auto holder = [&] { return store.datastores().at(0).lock_holder; };
-    ASSERT_EQ(store.datastores().size(), 1u);
+    ASSERT_EQ(store.datastores().size(), 3u);
     EXPECT_EQ(store.datastores()[0].name, "running");
     EXPECT_EQ(holder(), 0u);
     const auto before = std::chrono::system_clock::now();
-    EXPECT_EQ(store.lock(7), 0u);
+    EXPECT_FALSE(store.lock(7));
     EXPECT_EQ(holder(), 7u);
     EXPECT_GE(store.datastores()[0].locked_since, before);
-    EXPECT_EQ(store.lock(8), 7u);
+    EXPECT_EQ(store.lock(8)->session, 7u);
     EXPECT_EQ(edit(store, kProfile, 8)->tag, engine::ErrorTag::InUse);
     EXPECT_FALSE(store.unlock(8));
     EXPECT_EQ(edit(store, kProfile, 7), std::nullopt);
     store.session_ended(7);
     EXPECT_EQ(holder(), 0u);
-    EXPECT_EQ(store.lock(8), 0u);
+    EXPECT_FALSE(store.lock(8));
     EXPECT_TRUE(store.unlock(8));
+}
+
+// What a listener heard, one line per call.
+class RecordingListener final : public DatastoreListener {
+public:
+    void running_changed(std::uint32_t session, std::optional<DatastoreId> source,
+                         const std::vector<engine::ChangedNode>& changes) override {
+        add("running " + std::to_string(session) + " " + (source ? std::string(name_of(*source)) : "-") +
+            (changes.empty() ? " without changes" : ""));
+    }
+    void confirmed_commit(ConfirmedCommitEvent event, std::uint32_t session, std::chrono::seconds timeout) override {
+        static constexpr const char* kEvents[] = {"start", "extend", "confirm", "cancel", "timeout"};
+        add(std::string(kEvents[static_cast<int>(event)]) + " " + std::to_string(session) + " " +
+            std::to_string(timeout.count()));
+    }
+    // What was heard since the last call; first waits up to 30 s for `count` calls.
+    std::vector<std::string> take(std::size_t count = 0) {
+        std::unique_lock lock(mutex_);
+        heard_signal_.wait_for(lock, std::chrono::seconds(30), [&] { return heard_.size() >= count; });
+        return std::exchange(heard_, {});
+    }
+
+private:
+    void add(std::string line) {
+        std::lock_guard lock(mutex_);
+        heard_.push_back(std::move(line));
+        heard_signal_.notify_all();
+    }
+    std::mutex mutex_;
+    std::condition_variable heard_signal_;
+    std::vector<std::string> heard_;
+};
+
+using Heard = std::vector<std::string>;
+
+TEST_F(DatastoreTest, TheListenerHearsOfEveryChangeOfTheRunningConfigurationAndEveryConfirmedCommit) {
+    RecordingListener listener;
+    DatastoreOptions with_listener = options();
+    with_listener.listener = &listener;
+    const auto stage = [](Datastore& store, const char* description) {
+        return edit(store, profile(description), 9, TestOption::TestThenSet, DatastoreId::Candidate);
+    };
+    const auto confirmed = [](std::chrono::seconds timeout, std::optional<std::string> persist = {}) {
+        return CommitRequest{true, timeout, std::move(persist), std::nullopt};
+    };
+    {
+        Datastore store(with_listener);
+        EXPECT_EQ(edit(store, profile("one")), std::nullopt);
+        EXPECT_EQ(edit(store, profile("one")), std::nullopt);  // changes nothing
+        EXPECT_EQ(edit(store, profile("two"), 1, TestOption::TestOnly), std::nullopt);
+        EXPECT_EQ(listener.take(), (Heard{"running 1 running"}));
+
+        EXPECT_EQ(stage(store, "two"), std::nullopt);
+        EXPECT_EQ(listener.take(), Heard{});
+        EXPECT_EQ(store.commit(2, {}), std::nullopt);
+        EXPECT_EQ(copy(store, profile("three"), DatastoreId::Running, 3), std::nullopt);
+        EXPECT_EQ(store.copy(3, DatastoreId::Startup, {DatastoreId::Running}), std::nullopt);
+        EXPECT_EQ(copy(store, profile("four"), DatastoreId::Running, 3), std::nullopt);
+        EXPECT_EQ(store.copy(3, DatastoreId::Running, {DatastoreId::Startup}), std::nullopt);
+        EXPECT_EQ(listener.take(), (Heard{"running 2 candidate", "running 3 -", "running 3 -", "running 3 startup"}));
+
+        EXPECT_EQ(stage(store, "five"), std::nullopt);
+        EXPECT_EQ(store.commit(4, confirmed(std::chrono::seconds(60))), std::nullopt);
+        EXPECT_EQ(store.commit(4, confirmed(std::chrono::seconds(30))), std::nullopt);
+        EXPECT_EQ(store.commit(4, {}), std::nullopt);
+        EXPECT_EQ(listener.take(), (Heard{"running 4 candidate", "start 4 60", "extend 4 30", "confirm 4 0"}));
+
+        EXPECT_EQ(stage(store, "six"), std::nullopt);
+        EXPECT_EQ(store.commit(4, confirmed(std::chrono::seconds(60))), std::nullopt);
+        EXPECT_EQ(store.cancel_commit(4, std::nullopt), std::nullopt);
+        EXPECT_EQ(stage(store, "seven"), std::nullopt);
+        EXPECT_EQ(store.commit(5, confirmed(std::chrono::seconds(60))), std::nullopt);
+        store.session_ended(5);
+        EXPECT_EQ(listener.take(), (Heard{"running 4 candidate", "start 4 60", "running 4 -", "cancel 4 0",
+                                          "running 5 candidate", "start 5 60", "running 5 -", "cancel 5 0"}));
+
+        EXPECT_EQ(stage(store, "eight"), std::nullopt);
+        EXPECT_EQ(store.commit(6, confirmed(std::chrono::seconds(1))), std::nullopt);
+        EXPECT_EQ(listener.take(4), (Heard{"running 6 candidate", "start 6 1", "running 0 -", "timeout 0 0"}));
+        EXPECT_NE(running_text(store).find("five"), std::string::npos);
+
+        // The daemon stops with a persistent confirmed commit pending.
+        EXPECT_EQ(stage(store, "nine"), std::nullopt);
+        EXPECT_EQ(store.commit(7, confirmed(std::chrono::seconds(60), "p")), std::nullopt);
+        listener.take();
+    }
+    // At the next start it is rolled back, then the startup configuration
+    // becomes the running one.
+    with_listener.boot_from_startup = true;
+    Datastore again(with_listener);
+    EXPECT_EQ(listener.take(), (Heard{"running 0 -", "cancel 0 0", "running 0 startup"}));
+    EXPECT_NE(running_text(again).find("three"), std::string::npos);
+    EXPECT_FALSE(std::filesystem::exists(dir + "/confirmed-commit.xml"));
+}
+
+TEST_F(DatastoreTest, AStartupConfigurationThatIsRefusedKeepsTheRunningOne) {
+    {
+        Datastore store(options());
+        ASSERT_EQ(edit(store, kProfile), std::nullopt);
+    }
+    DatastoreOptions booting = options();
+    booting.boot_from_startup = true;
+    std::vector<std::string> logged;
+    booting.log = [&](const std::string& text) { logged.push_back(text); };
+    write_file_atomically(dir + "/startup.xml", profile("refused?"), 0600, false);
+    {
+        Datastore store(booting);
+        EXPECT_NE(running_text(store).find("kept"), std::string::npos);
+        ASSERT_EQ(logged.size(), 1u);
+        EXPECT_NE(logged[0].find("The profile description has '?'."), std::string::npos) << logged[0];
+    }
+    // A startup configuration that cannot be read stops the start.
+    write_file_atomically(dir + "/startup.xml", "<antivirus", 0600, false);
+    EXPECT_THROW(Datastore{booting}, DatastoreError);
 }
 
 }  // namespace

@@ -37,24 +37,7 @@ const std::string kProfile = antivirus(R"(
     </whitelists>
   </profile></profiles></vsys>)");
 
-std::string profile_edit(std::string_view profile_body, std::string_view profile_attributes = {}) {
-    return antivirus("<vsys><name>vs1</name><profiles><profile" + std::string(profile_attributes) + ">" +
-                     std::string(profile_body) + "</profile></profiles></vsys>");
-}
-
-constexpr const char* kNcOperation = " xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=";
-
-class SessionTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        daemon.start();
-        client = daemon.connect();
-        ASSERT_TRUE(client) << daemon.stderr_text();
-    }
-
-    Daemon daemon;
-    std::unique_ptr<Client> client;
-};
+using SessionTest = DaemonTest;
 
 TEST_F(SessionTest, HelloAnnouncesTheModelAndTheCapabilitiesServed) {
     const auto caps = client->capabilities();
@@ -67,10 +50,12 @@ TEST_F(SessionTest, HelloAnnouncesTheModelAndTheCapabilitiesServed) {
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:rollback-on-error:1.0"));
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:yang-library:1.1"));
     EXPECT_TRUE(has("urn:ietf:params:netconf:capability:xpath:1.0"));
-    for (const char* unserved : {"candidate", "confirmed-commit", "startup", "url"})
-        EXPECT_FALSE(has(std::string("urn:ietf:params:netconf:capability:") + unserved)) << unserved;
+    EXPECT_TRUE(has("urn:ietf:params:netconf:capability:candidate:1.0"));
+    EXPECT_TRUE(has("urn:ietf:params:netconf:capability:confirmed-commit:1.1"));
+    EXPECT_TRUE(has("urn:ietf:params:netconf:capability:startup:1.0"));
+    EXPECT_FALSE(has("urn:ietf:params:netconf:capability:url"));
     EXPECT_TRUE(has("urn:ietf:params:xml:ns:netconf:base:1.0?module=ietf-netconf&revision=2011-06-01"
-                    "&features=writable-running,rollback-on-error,validate,xpath"));
+                    "&features=writable-running,candidate,confirmed-commit,rollback-on-error,validate,startup,xpath"));
 }
 
 TEST_F(SessionTest, AnEditReachesTheRunningConfigurationAndTheAppliance) {
@@ -412,24 +397,17 @@ TEST_F(SessionTest, BrokenFramingEndsOnlyThatSession) {
     EXPECT_TRUE(daemon.running());
 }
 
-// The operations and datastores of the protocol the daemon does not serve
-// (their features are not announced) are known all the same, and refused
-// as not supported.
-TEST_F(SessionTest, UnservedOperationsAndDatastoresAreNotSupported) {
+// URLs as datastores (their feature is not announced) are known all the
+// same, and refused as not supported.
+TEST_F(SessionTest, UrlsAreNotSupported) {
     auto raw = RawSession::unix_socket(daemon.socket_path());
     ASSERT_TRUE(raw);
     raw->hello("1.1");
     for (const char* body : {
-             "<commit/>",
-             "<commit><confirmed/><confirm-timeout>2</confirm-timeout></commit>",
-             "<discard-changes/>",
-             "<cancel-commit/>",
-             "<delete-config><target><startup/></target></delete-config>",
-             "<lock><target><candidate/></target></lock>",
-             "<get-config><source><startup/></source></get-config>",
-             "<edit-config><target><candidate/></target><config/></edit-config>",
-             "<copy-config><target><startup/></target><source><running/></source></copy-config>",
-             "<copy-config><target><running/></target><source><candidate/></source></copy-config>",
+             "<delete-config><target><url>file:///tmp/x</url></target></delete-config>",
+             "<edit-config><target><candidate/></target><url>file:///tmp/x</url></edit-config>",
+             "<copy-config><target><url>file:///tmp/x</url></target><source><running/></source></copy-config>",
+             "<copy-config><target><running/></target><source><url>file:///tmp/x</url></source></copy-config>",
              "<validate><source><url>file:///tmp/x</url></source></validate>",
          }) {
         SCOPED_TRACE(body);
@@ -484,7 +462,9 @@ TEST_F(SessionTest, MonitoringKnowsTheSessionsAndCountsThem) {
 TEST_F(SessionTest, TheYangLibraryListsTheDatastores) {
     const Reply library = client->get("<yang-library xmlns=\"urn:ietf:params:xml:ns:yang:ietf-yang-library\"/>");
     ASSERT_TRUE(library.data);
-    EXPECT_EQ(count_elements(*library.data, "datastore"), 1u);
+    EXPECT_EQ(count_elements(*library.data, "datastore"), 3u);
+    for (const char* name : {":running", ":candidate", ":startup"})
+        EXPECT_NE(library.data->find(name), std::string::npos) << name;
     // <datastore><name>ds:running</name><schema>S</schema>, and S is the
     // name of the schema the library describes (<schema><name>S</name>...).
     const std::string datastore = element_text(*library.data, "datastore").value_or("");

@@ -66,6 +66,14 @@ void write_file_atomically(const std::string& path, std::string_view content, mo
     if (sync) sync_directory_of(path);
 }
 
+void remove_file(const std::string& path, bool sync) {
+    if (::unlink(path.c_str()) != 0) {
+        if (errno == ENOENT) return;
+        fail("cannot remove", path);
+    }
+    if (sync) sync_directory_of(path);
+}
+
 void sync_directory_of(const std::string& path) {
     const std::string dir = directory_of(path);
     Fd dfd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -18,6 +18,10 @@ void write_file_atomically(const std::string& path, std::string_view content, mo
 // std::system_error on other failures.
 std::optional<std::string> read_file(const std::string& path);
 
+// Removes `path` when it exists; with `sync` the removal is flushed to disk.
+// Throws std::system_error on failure.
+void remove_file(const std::string& path, bool sync);
+
 // Flushes the directory entry of `path` to disk.
 void sync_directory_of(const std::string& path);
 

@@ -5,11 +5,16 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <condition_variable>
+#include <cstdlib>
 #include <cstring>
-
 #include <deque>
 #include <mutex>
+#include <set>
+#include <system_error>
+#include <thread>
 
 #include "atomic_file.hpp"
 #include "snapshot.hpp"
@@ -22,6 +27,12 @@ namespace {
 
 constexpr const char* kRunningSection = "running";
 constexpr const char* kApplianceSection = "appliance";
+// Files of the state directory beside the snapshot.
+constexpr const char* kStartupFile = "startup.xml";
+// The running configuration before a pending confirmed commit.
+constexpr const char* kRollbackFile = "confirmed-commit.xml";
+
+constexpr DatastoreId kDatastores[] = {DatastoreId::Running, DatastoreId::Candidate, DatastoreId::Startup};
 
 // The platform the runtime delivers to: the appliance, watched, so that
 // clients can see the lines it received. It stands in for the server's vsys
@@ -57,10 +68,62 @@ private:
     std::uint64_t refused_ = 0;
 };
 
+using engine::DataTree;
 using engine::ErrorTag;
 using engine::ErrorType;
 
+DataTree duplicate(const lyd_node* tree) {
+    lyd_node* copy = nullptr;
+    if (tree && lyd_dup_siblings(tree, nullptr, LYD_DUP_RECURSIVE, &copy) != LY_SUCCESS)
+        throw DatastoreError("cannot copy a configuration");
+    return DataTree(copy);
+}
+
+std::string print(const lyd_node* tree) {
+    char* text = nullptr;
+    if (tree && lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS)
+        throw DatastoreError("cannot print a configuration");
+    std::string out = text ? text : "";
+    std::free(text);
+    return out;
+}
+
+std::string configuration_name(DatastoreId datastore) {
+    return "the " + std::string(name_of(datastore)) + " configuration";
+}
+
+RpcError in_use(DatastoreId datastore, std::uint32_t holder) {
+    return RpcError(ErrorType::Protocol, ErrorTag::InUse,
+                    configuration_name(datastore) + " is locked by session " + std::to_string(holder));
+}
+
+RpcError failed(std::string message) {
+    return RpcError(ErrorType::Application, ErrorTag::OperationFailed, std::move(message));
+}
+
+struct Lock {
+    std::uint32_t holder = 0;
+    std::chrono::system_clock::time_point since;
+};
+
+// A confirmed commit waiting for its confirmation.
+struct PendingCommit {
+    std::string before;  // the running configuration before the first confirmed commit
+    std::uint32_t session = 0;  // the session of the last confirmed commit
+    std::optional<std::string> persist;
+    std::chrono::steady_clock::time_point deadline;
+};
+
 }  // namespace
+
+std::string_view name_of(DatastoreId datastore) {
+    switch (datastore) {
+    case DatastoreId::Candidate: return "candidate";
+    case DatastoreId::Startup: return "startup";
+    case DatastoreId::Running: break;
+    }
+    return "running";
+}
 
 // An exclusive lock on the state directory for the lifetime of the
 // datastore: two daemons on one state would overwrite each other's commits.
@@ -92,10 +155,25 @@ struct Datastore::Impl {
     std::unique_ptr<engine::Engine> engine;
     std::optional<SnapshotStore> store;  // none: nothing persists
     std::string committed;  // running configuration as last written to disk
-    std::uint32_t holder = 0;
-    std::chrono::system_clock::time_point locked_since;
+    std::array<Lock, std::size(kDatastores)> locks;
+    std::optional<DataTree> candidate;          // none: equal to the running configuration
+    std::set<std::uint32_t> candidate_editors;  // the sessions whose changes the candidate holds
+    std::optional<DataTree> startup;            // none: there is no startup configuration
+    std::optional<PendingCommit> pending;
+    std::condition_variable timer_wake;
+    bool stopping = false;
+    std::thread timer;  // rolls back a confirmed commit that timed out
 
     ~Impl() {
+        {
+            std::lock_guard lock(mutex);
+            stopping = true;
+        }
+        timer_wake.notify_all();
+        if (timer.joinable()) timer.join();
+        // The trees go before the engine, whose context may be theirs.
+        candidate.reset();
+        startup.reset();
         engine.reset();  // the module closes while its platform is still there
         runtime::set_platform(nullptr);
     }
@@ -112,68 +190,332 @@ struct Datastore::Impl {
         if (store) store->save({{kRunningSection, running}, {kApplianceSection, appliance.running_config_xml()}});
         committed = std::move(running);
     }
+
+    // Every change of the running configuration ends here: what the engine
+    // did (`result`) is committed to disk, or undone when it cannot be, and
+    // reported.
+    std::optional<RpcError> settle(std::uint32_t session, std::optional<DatastoreId> source,
+                                   engine::EditResult result) {
+        if (!result.ok) return result.error;
+        try {
+            commit();
+        } catch (const std::exception& e) {
+            // Not on disk, so not committed: back to the configuration that is.
+            restore_committed();
+            return failed(std::string("the configuration could not be saved, the edit is undone: ") + e.what());
+        }
+        if (options.listener && !result.changes.empty())
+            options.listener->running_changed(session, source, result.changes);
+        return std::nullopt;
+    }
+
+    std::optional<RpcError> replace_running(std::uint32_t session, std::optional<DatastoreId> source, DataTree config) {
+        return settle(session, source, engine->replace_running(std::move(config)));
+    }
+
+    bool persists() const { return !options.state_dir.empty(); }
+    std::string file(const char* name) const { return options.state_dir + "/" + name; }
+    void log(const std::string& text) const {
+        if (options.log) options.log(text);
+    }
+
+    Lock& lock_of(DatastoreId datastore) { return locks[static_cast<std::size_t>(datastore)]; }
+    // in-use when another session holds the lock of `datastore`.
+    std::optional<RpcError> check_lock(std::uint32_t session, DatastoreId datastore) {
+        const std::uint32_t holder = lock_of(datastore).holder;
+        if (holder && holder != session) return in_use(datastore, holder);
+        return std::nullopt;
+    }
+    bool release(std::uint32_t session, DatastoreId datastore) {
+        Lock& lock = lock_of(datastore);
+        if (lock.holder != session) return false;
+        lock.holder = 0;
+        if (datastore == DatastoreId::Candidate) discard_candidate();
+        return true;
+    }
+
+    // The configuration of a datastore; null: empty.
+    const lyd_node* tree_of(DatastoreId datastore) const {
+        if (datastore == DatastoreId::Startup) return startup ? startup->get() : nullptr;
+        if (datastore == DatastoreId::Candidate && candidate) return candidate->get();
+        return engine->running_tree();
+    }
+
+    // The complete configuration `source` names, as a tree of its own.
+    std::optional<RpcError> configuration(const ConfigSource& source, DataTree& out) const {
+        out.reset();
+        if (!source.datastore) return engine->apply(out, source.config).error;
+        if (source.datastore == DatastoreId::Startup && !startup) return failed("there is no startup configuration");
+        out = duplicate(tree_of(*source.datastore));
+        return std::nullopt;
+    }
+
+    void discard_candidate() {
+        candidate.reset();
+        candidate_editors.clear();
+    }
+
+    std::optional<RpcError> edit_candidate(std::uint32_t session, const EditRequest& request) {
+        const bool test_only = request.test_option == TestOption::TestOnly;
+        // The candidate is copied from the running configuration by its
+        // first change.
+        DataTree scratch;
+        if (test_only || !candidate) scratch = duplicate(tree_of(DatastoreId::Candidate));
+        DataTree& tree = test_only || !candidate ? scratch : *candidate;
+        engine::EditResult result = engine->apply(tree, request.config, request.default_operation);
+        if (!result.ok || test_only || result.changes.empty()) return result.error;
+        if (!candidate) candidate = std::move(scratch);
+        candidate_editors.insert(session);
+        return std::nullopt;
+    }
+
+    std::optional<RpcError> save_startup(DataTree config) {
+        try {
+            if (persists()) write_file_atomically(file(kStartupFile), print(config.get()), 0600, options.sync_writes);
+        } catch (const std::exception& e) {
+            return failed(std::string("the startup configuration could not be saved: ") + e.what());
+        }
+        startup = std::move(config);
+        return std::nullopt;
+    }
+
+    void report(ConfirmedCommitEvent event, std::uint32_t session, std::chrono::seconds timeout = {}) const {
+        if (options.listener) options.listener->confirmed_commit(event, session, timeout);
+    }
+
+    // Whether `session`, giving `persist_id`, may confirm, extend or cancel
+    // the pending confirmed commit.
+    std::optional<RpcError> may_settle(std::uint32_t session, const std::optional<std::string>& persist_id) const {
+        if (pending->persist) {
+            if (persist_id == pending->persist) return std::nullopt;
+            return RpcError(ErrorType::Protocol, ErrorTag::InvalidValue,
+                            persist_id ? "the persist-id does not match the pending confirmed commit"
+                                       : "a persistent confirmed commit is pending: give its persist-id");
+        }
+        if (persist_id)
+            return RpcError(ErrorType::Protocol, ErrorTag::InvalidValue,
+                            "the pending confirmed commit is not persistent and has no persist-id");
+        if (session != pending->session)
+            return RpcError(ErrorType::Protocol, ErrorTag::InUse,
+                            "the confirmed commit of session " + std::to_string(pending->session) +
+                                " is pending; only that session can confirm, extend or cancel it");
+        return std::nullopt;
+    }
+
+    // Ends the pending confirmed commit by restoring the running
+    // configuration from before it, through the module. When that is
+    // refused the configuration stays as it is and the commit ends all the
+    // same.
+    std::optional<RpcError> roll_back(std::uint32_t session, ConfirmedCommitEvent event) {
+        engine::ParsedXml before = engine->parse(pending->before);
+        std::optional<RpcError> error =
+            before.error ? before.error : replace_running(session, std::nullopt, std::move(before.tree));
+        end_pending();
+        report(event, session);
+        if (error) log("the configuration before the confirmed commit could not be restored: " + error->message);
+        return error;
+    }
+
+    void end_pending() {
+        pending.reset();
+        try {
+            if (persists()) remove_file(file(kRollbackFile), options.sync_writes);
+        } catch (const std::exception& e) {
+            log(e.what());
+        }
+    }
+
+    void run_timer() {
+        std::unique_lock lock(mutex);
+        while (!stopping) {
+            if (!pending) {
+                timer_wake.wait(lock);
+            } else if (std::chrono::steady_clock::now() < pending->deadline) {
+                timer_wake.wait_until(lock, pending->deadline);
+            } else {
+                log("a confirmed commit was not confirmed in time; the configuration before it is restored");
+                roll_back(0, ConfirmedCommitEvent::Timeout);
+            }
+        }
+    }
 };
 
 Datastore::Datastore(const DatastoreOptions& options) : impl_(std::make_unique<Impl>()) {
-    impl_->options = options;
+    Impl& d = *impl_;
+    d.options = options;
     std::string running;
-    if (!options.state_dir.empty()) {
+    std::optional<std::string> startup, rollback;
+    if (d.persists()) {
         make_directories(options.state_dir);
-        impl_->directory_lock.emplace(options.state_dir);
-        auto& store = impl_->store.emplace(options.state_dir, options.sync_writes);
+        d.directory_lock.emplace(options.state_dir);
+        auto& store = d.store.emplace(options.state_dir, options.sync_writes);
         std::optional<Sections> sections;
         try {
             sections = store.load();
+            startup = read_file(d.file(kStartupFile));
+            rollback = read_file(d.file(kRollbackFile));
         } catch (const SnapshotError& e) {
+            throw DatastoreError(e.what());
+        } catch (const std::system_error& e) {
             throw DatastoreError(e.what());
         }
         if (sections) {
             running = section_of(*sections, kRunningSection).value_or("");
             try {
-                impl_->appliance = appliance::Appliance(
+                d.appliance = appliance::Appliance(
                     appliance::parse_configuration(section_of(*sections, kApplianceSection).value_or("")));
             } catch (const appliance::ConfigurationError& e) {
                 throw DatastoreError("the appliance cannot be restored from " + options.state_dir + ": " + e.what());
             }
         }
     }
-    runtime::set_platform(&impl_->platform);
-    impl_->engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
-    impl_->engine->set_vsys_feature(&impl_->platform);
-    impl_->committed = std::move(running);
+    runtime::set_platform(&d.platform);
+    d.engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
+    d.engine->set_vsys_feature(&d.platform);
+    d.committed = std::move(running);
+    if (startup) {
+        engine::ParsedXml parsed = d.engine->parse(*startup);
+        DataTree tree;
+        std::optional<RpcError> error = parsed.error ? parsed.error : d.engine->apply(tree, parsed.tree.get()).error;
+        if (error)
+            throw DatastoreError("the startup configuration " + d.file(kStartupFile) +
+                                 " cannot be read: " + error->message);
+        d.startup = std::move(tree);
+    }
+    // The daemon stopped before a confirmed commit was confirmed: the
+    // configuration goes back to what it was before the commit.
+    if (rollback) {
+        d.pending = PendingCommit{std::move(*rollback), 0, std::nullopt, {}};
+        if (!d.roll_back(0, ConfirmedCommitEvent::Cancel))
+            d.log("a confirmed commit was pending when the daemon stopped; the configuration before it is restored");
+    }
+    if (options.boot_from_startup && d.startup) {
+        if (auto error = d.replace_running(0, DatastoreId::Startup, duplicate(d.startup->get())))
+            d.log("the startup configuration was not loaded, the running configuration stays: " + error->message);
+    }
+    d.timer = std::thread([&d] { d.run_timer(); });
 }
 
 Datastore::~Datastore() = default;
 
 std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest& request) {
     std::lock_guard lock(impl_->mutex);
-    if (impl_->holder && impl_->holder != session)
-        return RpcError(ErrorType::Protocol, ErrorTag::InUse,
-                        "the running configuration is locked by session " + std::to_string(impl_->holder));
+    Impl& d = *impl_;
+    if (auto error = d.check_lock(session, request.target)) return error;
+    if (request.target == DatastoreId::Candidate) return d.edit_candidate(session, request);
     engine::EditOptions options;
     options.default_operation = request.default_operation;
     options.dry_run = request.test_option == TestOption::TestOnly;
-    engine::EditResult result = impl_->engine->edit(request.config, options);
-    if (!result.ok) return result.error;
-    if (options.dry_run) return std::nullopt;
-    try {
-        impl_->commit();
-    } catch (const std::exception& e) {
-        // Not on disk, so not committed: back to the configuration that is.
-        impl_->restore_committed();
-        return RpcError(ErrorType::Application, ErrorTag::OperationFailed,
-                        std::string("the configuration could not be saved, the edit is undone: ") + e.what());
+    engine::EditResult result = d.engine->edit(request.config, options);
+    if (!result.ok || options.dry_run) return result.error;
+    return d.settle(session, DatastoreId::Running, std::move(result));
+}
+
+std::optional<RpcError> Datastore::copy(std::uint32_t session, DatastoreId target, const ConfigSource& source) {
+    std::lock_guard lock(impl_->mutex);
+    Impl& d = *impl_;
+    if (auto error = d.check_lock(session, target)) return error;
+    if (source.datastore == target) return std::nullopt;
+    DataTree config;
+    if (auto error = d.configuration(source, config)) return error;
+    switch (target) {
+    case DatastoreId::Running:
+        return d.replace_running(session, source.datastore, std::move(config));
+    case DatastoreId::Candidate:
+        d.discard_candidate();
+        if (source.datastore != DatastoreId::Running) {
+            d.candidate = std::move(config);
+            d.candidate_editors.insert(session);
+        }
+        return std::nullopt;
+    case DatastoreId::Startup:
+        break;
     }
+    return d.save_startup(std::move(config));
+}
+
+std::optional<RpcError> Datastore::delete_startup(std::uint32_t session) {
+    std::lock_guard lock(impl_->mutex);
+    Impl& d = *impl_;
+    if (auto error = d.check_lock(session, DatastoreId::Startup)) return error;
+    try {
+        if (d.persists()) remove_file(d.file(kStartupFile), d.options.sync_writes);
+    } catch (const std::exception& e) {
+        return failed(e.what());
+    }
+    d.startup.reset();
     return std::nullopt;
 }
 
-std::optional<RpcError> Datastore::validate(const lyd_node* config) {
+std::optional<RpcError> Datastore::validate(const ConfigSource& source) {
     std::lock_guard lock(impl_->mutex);
+    Impl& d = *impl_;
+    if (source.datastore == DatastoreId::Running || (source.datastore == DatastoreId::Candidate && !d.candidate))
+        return std::nullopt;
+    DataTree config;
+    if (auto error = d.configuration(source, config)) return error;
     engine::EditOptions options;
-    options.default_operation = engine::DefaultOperation::Replace;
     options.dry_run = true;
-    engine::EditResult result = impl_->engine->edit(config, options);
-    return result.error;
+    return d.engine->replace_running(std::move(config), options).error;
+}
+
+std::optional<RpcError> Datastore::commit(std::uint32_t session, const CommitRequest& request) {
+    std::lock_guard lock(impl_->mutex);
+    Impl& d = *impl_;
+    for (const DatastoreId datastore : {DatastoreId::Running, DatastoreId::Candidate})
+        if (auto error = d.check_lock(session, datastore)) return error;
+    if (d.pending) {
+        if (auto error = d.may_settle(session, request.persist_id)) return error;
+    } else if (request.persist_id) {
+        return RpcError(ErrorType::Protocol, ErrorTag::InvalidValue, "no confirmed commit is pending");
+    }
+    const bool starts = request.confirmed && !d.pending;
+    std::string before;
+    if (starts) {
+        // On disk before the commit, so that a restart in between rolls back.
+        before = d.engine->running_xml();
+        try {
+            if (d.persists()) write_file_atomically(d.file(kRollbackFile), before, 0600, d.options.sync_writes);
+        } catch (const std::exception& e) {
+            return failed(std::string("the configuration to roll back to could not be saved: ") + e.what());
+        }
+    }
+    if (d.candidate) {
+        if (auto error = d.replace_running(session, DatastoreId::Candidate, duplicate(d.candidate->get()))) {
+            if (starts) d.end_pending();
+            return error;
+        }
+        d.discard_candidate();
+    }
+    if (!request.confirmed) {
+        if (d.pending) {
+            d.end_pending();
+            d.report(ConfirmedCommitEvent::Confirm, session);
+        }
+        return std::nullopt;
+    }
+    if (starts) d.pending = PendingCommit{std::move(before), 0, std::nullopt, {}};
+    d.pending->session = session;
+    if (request.persist) d.pending->persist = request.persist;
+    d.pending->deadline = std::chrono::steady_clock::now() + request.timeout;
+    d.report(starts ? ConfirmedCommitEvent::Start : ConfirmedCommitEvent::Extend, session, request.timeout);
+    d.timer_wake.notify_all();
+    return std::nullopt;
+}
+
+std::optional<RpcError> Datastore::cancel_commit(std::uint32_t session, const std::optional<std::string>& persist_id) {
+    std::lock_guard lock(impl_->mutex);
+    Impl& d = *impl_;
+    if (!d.pending) return failed("no confirmed commit is pending");
+    if (auto error = d.may_settle(session, persist_id)) return error;
+    return d.roll_back(session, ConfirmedCommitEvent::Cancel);
+}
+
+std::optional<RpcError> Datastore::discard_changes(std::uint32_t session) {
+    std::lock_guard lock(impl_->mutex);
+    if (auto error = impl_->check_lock(session, DatastoreId::Candidate)) return error;
+    impl_->discard_candidate();
+    return std::nullopt;
 }
 
 engine::ParsedXml Datastore::parse(std::string_view xml) const {
@@ -186,12 +528,12 @@ ly_ctx* Datastore::context() const { return impl_->engine->context(); }
 Reading Datastore::read(const ly_ctx* target, const ReadRequest& request) {
     std::lock_guard lock(impl_->mutex);
     Reading reading;
-    if (const lyd_node* running = impl_->engine->running_tree(); running && target) {
+    if (const lyd_node* tree = impl_->tree_of(request.source); tree && target) {
         const uint32_t options = LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS;
         const LY_ERR err = target == impl_->engine->context()
-                               ? lyd_dup_siblings(running, nullptr, options, &reading.running)
-                               : lyd_dup_siblings_to_ctx(running, target, nullptr, options, &reading.running);
-        if (err != LY_SUCCESS) throw DatastoreError("cannot copy the running configuration");
+                               ? lyd_dup_siblings(tree, nullptr, options, &reading.running)
+                               : lyd_dup_siblings_to_ctx(tree, target, nullptr, options, &reading.running);
+        if (err != LY_SUCCESS) throw DatastoreError("cannot copy " + configuration_name(request.source));
     }
     if (request.state) reading.state = impl_->engine->module_state();
     if (request.platform) {
@@ -201,29 +543,50 @@ Reading Datastore::read(const ly_ctx* target, const ReadRequest& request) {
     return reading;
 }
 
-std::uint32_t Datastore::lock(std::uint32_t session) {
+std::optional<LockRefusal> Datastore::lock(std::uint32_t session, DatastoreId datastore) {
     std::lock_guard lock(impl_->mutex);
-    if (impl_->holder) return impl_->holder;
-    impl_->holder = session;
-    impl_->locked_since = std::chrono::system_clock::now();
-    return 0;
+    Impl& d = *impl_;
+    Lock& held = d.lock_of(datastore);
+    const std::string name = configuration_name(datastore);
+    if (held.holder) {
+        if (held.holder == session) return LockRefusal{session, "this session already holds the lock of " + name};
+        return LockRefusal{held.holder, name + " is locked by session " + std::to_string(held.holder)};
+    }
+    // RFC 6241 7.5: not while the candidate holds changes of another session,
+    // nor while another session's confirmed commit is pending.
+    if (datastore == DatastoreId::Candidate)
+        for (const std::uint32_t editor : d.candidate_editors)
+            if (editor != session)
+                return LockRefusal{editor, name + " holds uncommitted changes of session " + std::to_string(editor) +
+                                               "; commit or discard them first"};
+    if (datastore == DatastoreId::Running && d.pending && d.pending->session != session)
+        return LockRefusal{d.pending->session,
+                           "a confirmed commit of session " + std::to_string(d.pending->session) + " is pending"};
+    held = Lock{session, std::chrono::system_clock::now()};
+    return std::nullopt;
 }
 
-bool Datastore::unlock(std::uint32_t session) {
+bool Datastore::unlock(std::uint32_t session, DatastoreId datastore) {
     std::lock_guard lock(impl_->mutex);
-    if (impl_->holder != session) return false;
-    impl_->holder = 0;
-    return true;
+    return impl_->release(session, datastore);
 }
 
 void Datastore::session_ended(std::uint32_t session) {
     std::lock_guard lock(impl_->mutex);
-    if (impl_->holder == session) impl_->holder = 0;
+    Impl& d = *impl_;
+    for (const DatastoreId datastore : kDatastores) d.release(session, datastore);
+    if (d.pending && !d.pending->persist && d.pending->session == session)
+        d.roll_back(session, ConfirmedCommitEvent::Cancel);
 }
 
 std::vector<DatastoreStatus> Datastore::datastores() const {
     std::lock_guard lock(impl_->mutex);
-    return {DatastoreStatus{"running", impl_->holder, impl_->locked_since}};
+    std::vector<DatastoreStatus> out;
+    for (const DatastoreId datastore : kDatastores) {
+        const Lock& held = impl_->lock_of(datastore);
+        out.push_back(DatastoreStatus{std::string(name_of(datastore)), held.holder, held.since});
+    }
+    return out;
 }
 
 const std::string& Datastore::model_name() const { return impl_->engine->model_name(); }

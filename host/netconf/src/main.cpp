@@ -11,6 +11,7 @@
 
 #include "atomic_file.hpp"
 #include "relay.hpp"
+#include "service.hpp"
 
 #include "tavrik/netconf/datastore.hpp"
 #include "tavrik/netconf/options.hpp"
@@ -51,8 +52,15 @@ int main(int argc, char* argv[]) {
         // One schema context for the sessions, the running configuration and
         // the edits; it outlives both.
         const std::unique_ptr<ly_ctx, void (*)(ly_ctx*)> context(build_context(options), ly_ctx_destroy);
-        Datastore datastore(DatastoreOptions{options.module_path, options.yang_dir, options.state_dir,
-                                             options.sync_writes, context.get()});
+        DatastoreOptions store;
+        store.module_path = options.module_path;
+        store.yang_dir = options.yang_dir;
+        store.state_dir = options.state_dir;
+        store.sync_writes = options.sync_writes;
+        store.context = context.get();
+        store.boot_from_startup = options.boot_from_startup;
+        store.log = [](const std::string& text) { detail::log_line(NC_VERB_WARNING, 0, text); };
+        Datastore datastore(store);
         Server server(options, datastore);
         g_server = &server;
         struct sigaction action {};

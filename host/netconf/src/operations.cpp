@@ -2,6 +2,7 @@
 #include <libyang/libyang.h>
 #include <nc_server.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -11,6 +12,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "monitoring.hpp"
 #include "service.hpp"
@@ -176,36 +178,6 @@ nc_server_reply* missing(const lyd_node* rpc, const char* parameter) {
         RpcError(ErrorType::Protocol, ErrorTag::MissingElement, std::string("<") + parameter + "> is missing", path, parameter));
 }
 
-bool names_running(const lyd_node* rpc, const char* parameter) {
-    return find(rpc, (std::string(parameter) + "/running").c_str()) != nullptr;
-}
-
-// Checks that the datastore parameter (<target> or <source>) names the
-// running configuration; else the error reply.
-nc_server_reply* check_running(const lyd_node* rpc, const char* parameter, const char* refusal) {
-    if (!find(rpc, parameter)) return missing(rpc, parameter);
-    if (!names_running(rpc, parameter)) return failure(ErrorTag::OperationNotSupported, refusal);
-    return nullptr;
-}
-
-// The configuration a <copy-config> or <validate> reads: <running/> (null
-// with `running` set), inline <config>, or an error reply.
-const lyd_node* config_source(const lyd_node* rpc, bool& running, nc_server_reply*& error) {
-    running = false;
-    if (!find(rpc, "source")) {
-        error = missing(rpc, "source");
-        return nullptr;
-    }
-    if (names_running(rpc, "source")) {
-        running = true;
-        return nullptr;
-    }
-    const lyd_node* config = find(rpc, "source/config");
-    if (!config)
-        error = failure(ErrorTag::OperationNotSupported, "the source must be the running configuration or inline <config>");
-    return config;
-}
-
 // The content of an anyxml parameter as text.
 std::string any_text(const lyd_node* any) {
     char* text = nullptr;
@@ -289,15 +261,64 @@ private:
     std::string select_;  // libyang's form: module names as prefixes
 };
 
+// The content of an anyxml <config> as a tree: as libyang parsed it with
+// the request, or (a textual value) read now into `owned`.
+const lyd_node* config_tree(const lyd_node* any, engine::ParsedXml& owned) {
+    const auto* node = reinterpret_cast<const lyd_node_any*>(any);
+    if (node->value_type == LYD_ANYDATA_DATATREE) return node->value.tree;
+    owned = g_service->datastore.parse(any_text(any));
+    return owned.tree.get();
+}
+
+nc_server_reply* urls_not_served() {
+    return failure(ErrorTag::OperationNotSupported,
+                   "tkav-netconfd serves the running, candidate and startup configurations, not URLs");
+}
+
+constexpr std::pair<std::string_view, DatastoreId> kDatastoreNames[] = {
+    {"running", DatastoreId::Running}, {"candidate", DatastoreId::Candidate}, {"startup", DatastoreId::Startup}};
+
+// The <target> or <source> of a request: a datastore, or (a source) inline
+// <config>. The model of each operation admits only the datastores it can
+// name.
+struct Named {
+    std::optional<DatastoreId> datastore;  // none: inline <config>
+    const lyd_node* config = nullptr;      // the content of inline <config>
+    engine::ParsedXml owned;
+
+    // Reads `parameter` of `rpc`; an error reply when it is missing or names
+    // what the daemon does not serve, else null.
+    nc_server_reply* read(const lyd_node* rpc, const char* parameter) {
+        const lyd_node* container = find(rpc, parameter);
+        if (!container) return missing(rpc, parameter);
+        for (const lyd_node* child = lyd_child(container); child; child = child->next) {
+            const std::string_view name = LYD_NAME(child);
+            for (const auto& [datastore_name, id] : kDatastoreNames) {
+                if (name != datastore_name) continue;
+                datastore = id;
+                return nullptr;
+            }
+            if (name == "config") {
+                config = config_tree(child, owned);
+                return owned.error ? error_reply(*owned.error) : nullptr;
+            }
+        }
+        return urls_not_served();
+    }
+    ConfigSource source() const { return ConfigSource{datastore, config}; }
+};
+
 // ---- operations ------------------------------------------------------------
 
 nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
-        if (nc_server_reply* error = check_running(rpc, "source", "only the running configuration can be read"))
-            return error;
+        Named source;
+        if (nc_server_reply* error = source.read(rpc, "source")) return error;
         Filter filter;
         if (nc_server_reply* error = filter.read(rpc)) return error;
-        return filter.reply(rpc, Tree(g_service->datastore.read(g_service->context).running));
+        ReadRequest request;
+        request.source = *source.datastore;
+        return filter.reply(rpc, Tree(g_service->datastore.read(g_service->context, request).running));
     });
 }
 
@@ -381,78 +402,94 @@ nc_server_reply* edit_reply(const std::optional<RpcError>& error) {
     return error ? error_reply(*error) : nc_server_reply_ok();
 }
 
-// The content of an anyxml <config> as a tree: as libyang parsed it with
-// the request, or (a textual value) read now into `owned`.
-const lyd_node* config_tree(const lyd_node* any, engine::ParsedXml& owned) {
-    const auto* node = reinterpret_cast<const lyd_node_any*>(any);
-    if (node->value_type == LYD_ANYDATA_DATATREE) return node->value.tree;
-    owned = g_service->datastore.parse(any_text(any));
-    return owned.tree.get();
-}
-
-// Applies an inline <config> to the running configuration.
-nc_server_reply* edit_with(const lyd_node* config, std::uint32_t sid, engine::DefaultOperation default_operation,
-                           TestOption test) {
-    engine::ParsedXml owned;
-    const lyd_node* tree = config_tree(config, owned);
-    if (owned.error) return error_reply(*owned.error);
-    return edit_reply(g_service->datastore.edit(sid, EditRequest{tree, default_operation, test}));
-}
-
 nc_server_reply* op_edit_config(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
-        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be edited"))
-            return error;
+        Named target;
+        if (nc_server_reply* error = target.read(rpc, "target")) return error;
+        if (find(rpc, "url")) return urls_not_served();
         const lyd_node* config = find(rpc, "config");
         if (!config) return missing(rpc, "config");
-        return edit_with(config, sid, default_operation(rpc), test_option(rpc));
+        engine::ParsedXml owned;
+        const lyd_node* tree = config_tree(config, owned);
+        if (owned.error) return error_reply(*owned.error);
+        return edit_reply(g_service->datastore.edit(
+            sid, EditRequest{tree, default_operation(rpc), test_option(rpc), *target.datastore}));
     });
 }
 
 nc_server_reply* op_copy_config(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
-        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be a target"))
-            return error;
-        bool running = false;
-        nc_server_reply* error = nullptr;
-        const lyd_node* config = config_source(rpc, running, error);
-        if (!config) return running ? nc_server_reply_ok() : error;
-        return edit_with(config, sid, engine::DefaultOperation::Replace, TestOption::TestThenSet);
+        Named target, source;
+        if (nc_server_reply* error = target.read(rpc, "target")) return error;
+        if (nc_server_reply* error = source.read(rpc, "source")) return error;
+        return edit_reply(g_service->datastore.copy(sid, *target.datastore, source.source()));
+    });
+}
+
+nc_server_reply* op_delete_config(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        Named target;  // the startup configuration: the only one the model admits
+        if (nc_server_reply* error = target.read(rpc, "target")) return error;
+        return edit_reply(g_service->datastore.delete_startup(sid));
     });
 }
 
 nc_server_reply* op_validate(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
-        bool running = false;
-        nc_server_reply* error = nullptr;
-        const lyd_node* config = config_source(rpc, running, error);
-        if (!config) return running ? nc_server_reply_ok() : error;
-        engine::ParsedXml owned;
-        const lyd_node* tree = config_tree(config, owned);
-        if (owned.error) return error_reply(*owned.error);
-        return edit_reply(g_service->datastore.validate(tree));
+        Named source;
+        if (nc_server_reply* error = source.read(rpc, "source")) return error;
+        return edit_reply(g_service->datastore.validate(source.source()));
     });
 }
 
 nc_server_reply* op_lock(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
-        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be locked"))
-            return error;
-        const std::uint32_t holder = g_service->datastore.lock(sid);
-        if (holder == 0) return nc_server_reply_ok();
-        const std::string message = holder == sid ? "this session already holds the lock of the running configuration"
-                                                  : "the running configuration is locked by session " +
-                                                        std::to_string(holder);
-        return error_reply(RpcError(ErrorType::Protocol, ErrorTag::LockDenied, message), holder);
+        Named target;
+        if (nc_server_reply* error = target.read(rpc, "target")) return error;
+        const auto refusal = g_service->datastore.lock(sid, *target.datastore);
+        if (!refusal) return nc_server_reply_ok();
+        return error_reply(RpcError(ErrorType::Protocol, ErrorTag::LockDenied, refusal->message), refusal->session);
     });
 }
 
 nc_server_reply* op_unlock(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
-        if (nc_server_reply* error = check_running(rpc, "target", "only the running configuration can be unlocked"))
-            return error;
-        if (g_service->datastore.unlock(sid)) return nc_server_reply_ok();
-        return failure(ErrorTag::OperationFailed, "this session does not hold the lock of the running configuration");
+        Named target;
+        if (nc_server_reply* error = target.read(rpc, "target")) return error;
+        if (g_service->datastore.unlock(sid, *target.datastore)) return nc_server_reply_ok();
+        return failure(ErrorTag::OperationFailed,
+                       "this session does not hold the lock of the " + std::string(name_of(*target.datastore)) +
+                           " configuration");
+    });
+}
+
+std::optional<std::string> optional_value(const lyd_node* rpc, const char* path) {
+    if (!find(rpc, path)) return std::nullopt;
+    return std::string(value_of(rpc, path));
+}
+
+nc_server_reply* op_commit(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        CommitRequest request;
+        request.confirmed = find(rpc, "confirmed") != nullptr;
+        // uint32, 1..max, default 600: the model has checked it.
+        const std::string timeout(value_of(rpc, "confirm-timeout", "600"));
+        request.timeout = std::chrono::seconds(std::strtoul(timeout.c_str(), nullptr, 10));
+        request.persist = optional_value(rpc, "persist");
+        request.persist_id = optional_value(rpc, "persist-id");
+        return edit_reply(g_service->datastore.commit(sid, request));
+    });
+}
+
+nc_server_reply* op_cancel_commit(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        return edit_reply(g_service->datastore.cancel_commit(sid, optional_value(rpc, "persist-id")));
+    });
+}
+
+nc_server_reply* op_discard_changes(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [](lyd_node*, std::uint32_t sid) -> nc_server_reply* {
+        return edit_reply(g_service->datastore.discard_changes(sid));
     });
 }
 
@@ -548,7 +585,11 @@ constexpr Handler kHandlers[] = {
     {"/ietf-netconf:get", op_get},
     {"/ietf-netconf:edit-config", op_edit_config},
     {"/ietf-netconf:copy-config", op_copy_config},
+    {"/ietf-netconf:delete-config", op_delete_config},
     {"/ietf-netconf:validate", op_validate},
+    {"/ietf-netconf:commit", op_commit},
+    {"/ietf-netconf:cancel-commit", op_cancel_commit},
+    {"/ietf-netconf:discard-changes", op_discard_changes},
     {"/ietf-netconf:lock", op_lock},
     {"/ietf-netconf:unlock", op_unlock},
     {"/ietf-netconf:kill-session", op_kill_session},

@@ -102,6 +102,8 @@ const Setting kSettings[] = {
     {"workers", true, true, true,
      [](Options& o, const std::string& v) { o.workers = parse_number(v, 1, 16, "workers"); }},
     {"sync", true, true, true, [](Options& o, const std::string& v) { o.sync_writes = parse_switch(v, "sync"); }},
+    {"boot-from-startup", true, true, true,
+     [](Options& o, const std::string& v) { o.boot_from_startup = parse_switch(v, "boot-from-startup"); }},
     {"log-level", true, true, true, [](Options& o, const std::string& v) { o.verbosity = parse_level(v); }},
     {"user", true, true, false,
      [](Options& o, const std::string& v) {
@@ -269,6 +271,9 @@ std::string usage(const char* program) {
            "  --sync yes|no            flush every commit to disk before the reply, so that\n"
            "                           it survives a power loss (default no: a commit\n"
            "                           survives the daemon being killed at any moment)\n"
+           "  --boot-from-startup yes|no  at start, make the startup configuration (when\n"
+           "                           there is one) the running one (default no: the\n"
+           "                           running configuration of the last run stays)\n"
            "  --log-level LEVEL        error, warning (default), verbose or debug; -v raises it\n"
            "  -h, --help               this text\n"
            "  --version                the version\n"

@@ -57,8 +57,10 @@ void print_log(const nc_session* session, NC_VERB_LEVEL level, const char* messa
 // ---- schema context ---------------------------------------------------------
 
 // The capabilities the daemon has: edits go straight to the running
+// configuration or to the candidate, confirmed commits, the startup
 // configuration, <validate>, all-or-nothing edits and XPath filters.
-constexpr std::string_view kServedFeatures[] = {"writable-running", "validate", "rollback-on-error", "xpath"};
+constexpr std::string_view kServedFeatures[] = {"writable-running", "candidate", "confirmed-commit", "startup",
+                                                "validate", "rollback-on-error", "xpath"};
 
 // Clears the enabled flag of the ietf-netconf features the daemon does not
 // serve, once the schema is compiled: the hello (which libnetconf2 builds

@@ -1,16 +1,20 @@
-// The running datastore of tkav-netconfd: the engine that drives the
-// configuration module, the embedded simulated appliance the module talks
-// to, the lock of the running configuration, and the snapshot on disk that
-// lets a restarted daemon continue with the last committed configuration
-// and the appliance that goes with it.
+// The configuration datastores of tkav-netconfd: the running configuration
+// (the engine that drives the configuration module, and the embedded
+// simulated appliance the module talks to), the candidate configuration
+// that is committed to it, the startup configuration, their locks, a
+// pending confirmed commit, and the snapshot on disk that lets a restarted
+// daemon continue with the last committed configuration and the appliance
+// that goes with it.
 //
 // Every call is serialised (the engine and the runtime under it run one call
 // at a time), so a read sees one committed state and edits apply one after
-// the other. Calls may come from any thread.
+// the other. Calls may come from any thread; a confirmed commit that times
+// out is rolled back on a thread of the datastore's own.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,6 +30,35 @@ namespace tavrik::netconf {
 
 using engine::RpcError;
 
+// The configuration datastores served.
+enum class DatastoreId { Running, Candidate, Startup };
+// "running", "candidate", "startup".
+std::string_view name_of(DatastoreId datastore);
+
+enum class ConfirmedCommitEvent { Start, Extend, Confirm, Cancel, Timeout };
+
+// What the datastore reports to the rest of the daemon (notifications).
+// Called with the datastore's mutex held, on the thread that made the
+// change: a listener must not call back into the datastore.
+class DatastoreListener {
+public:
+    virtual ~DatastoreListener() = default;
+    // The running configuration changed. `session`: the session whose
+    // request changed it; 0 the daemon itself (a confirmed commit that timed
+    // out or was pending at start, the start from the startup
+    // configuration). `source`: the datastore the new configuration came
+    // from (running for edit-config, candidate for commit, startup); none for
+    // inline <config> and for the configuration a confirmed commit restores.
+    // `changes` as the engine reported them (never empty).
+    virtual void running_changed(std::uint32_t session, std::optional<DatastoreId> source,
+                                 const std::vector<engine::ChangedNode>& changes) = 0;
+    // A confirmed commit started, was extended by a follow-up confirmed
+    // commit, confirmed, cancelled (<cancel-commit>, the end of the session
+    // that issued it, a daemon restart: session 0) or timed out (session 0).
+    // `timeout`: the time given to confirm, for Start and Extend; else 0.
+    virtual void confirmed_commit(ConfirmedCommitEvent event, std::uint32_t session, std::chrono::seconds timeout) = 0;
+};
+
 struct DatastoreOptions {
     std::string module_path;
     std::string yang_dir;
@@ -35,6 +68,13 @@ struct DatastoreOptions {
     // loaded into it when missing); it outlives the datastore. Null: the
     // engine makes its own.
     ly_ctx* context = nullptr;
+    // At start, when there is a startup configuration, make it the running
+    // one (through the module, so that the appliance matches it).
+    bool boot_from_startup = false;
+    DatastoreListener* listener = nullptr;  // optional; outlives the datastore
+    // What the datastore has to tell the operator on its own (a rollback, a
+    // startup configuration refused); optional.
+    std::function<void(const std::string&)> log;
 };
 
 enum class TestOption { TestThenSet, Set, TestOnly };
@@ -43,6 +83,22 @@ struct EditRequest {
     const lyd_node* config = nullptr;  // content of <config> as libyang parsed it, in context(); null: empty
     engine::DefaultOperation default_operation = engine::DefaultOperation::Merge;
     TestOption test_option = TestOption::TestThenSet;
+    DatastoreId target = DatastoreId::Running;  // running or candidate
+};
+
+// The <source> of copy-config and validate: a datastore, or the content of
+// an inline <config> (a complete configuration; null: empty).
+struct ConfigSource {
+    std::optional<DatastoreId> datastore;
+    const lyd_node* config = nullptr;
+};
+
+// The parameters of <commit>.
+struct CommitRequest {
+    bool confirmed = false;
+    std::chrono::seconds timeout{600};
+    std::optional<std::string> persist;
+    std::optional<std::string> persist_id;
 };
 
 // A command line as the appliance received it.
@@ -67,10 +123,12 @@ struct PlatformReading {
 struct ReadRequest {
     bool state = false;     // the module's state document
     bool platform = false;  // the appliance
+    DatastoreId source = DatastoreId::Running;
 };
 
-// A consistent read: the running configuration copied into the caller's
-// context (none without a context) and what else was asked for.
+// A consistent read: the configuration of the datastore asked for, copied
+// into the caller's context (none without a context, or when the datastore
+// is empty), and what else was asked for.
 struct Reading {
     lyd_node* running = nullptr;       // caller frees (lyd_free_siblings)
     std::optional<std::string> state;  // nullopt: not asked, or the module returned none
@@ -79,9 +137,16 @@ struct Reading {
 
 // A configuration datastore the daemon serves, and its lock.
 struct DatastoreStatus {
-    std::string name;               // "running"
+    std::string name;               // "running", "candidate", "startup"
     std::uint32_t lock_holder = 0;  // the session holding the lock; 0: none
     std::chrono::system_clock::time_point locked_since;
+};
+
+// Why a lock is not granted: the session that holds the lock or stands in
+// the way (0: none), and the reason.
+struct LockRefusal {
+    std::uint32_t session = 0;
+    std::string message;
 };
 
 class DatastoreError : public std::runtime_error {
@@ -91,39 +156,62 @@ public:
 
 class Datastore {
 public:
-    // Loads the module and, when the state directory holds a snapshot, the
-    // running configuration and the appliance it describes. Throws
-    // DatastoreError (or engine::EngineError) when that fails; nothing on
-    // disk is touched then.
+    // Loads the module and, when the state directory holds them, the running
+    // configuration and the appliance it describes, and the startup
+    // configuration. A confirmed commit that was pending when the daemon
+    // stopped is rolled back, then the startup configuration becomes the
+    // running one when options.boot_from_startup asks for it (a refusal of
+    // either keeps the running configuration, and is logged). Throws
+    // DatastoreError (or engine::EngineError) when the files cannot be read;
+    // nothing on disk is touched then.
     explicit Datastore(const DatastoreOptions& options);
     ~Datastore();
     Datastore(const Datastore&) = delete;
     Datastore& operator=(const Datastore&) = delete;
 
-    // Applies an edit-config for session `session` all-or-nothing and
-    // commits it to disk before returning. Refused with in-use while
-    // another session holds the lock.
+    // Applies an edit-config for session `session` all-or-nothing: to the
+    // running configuration (committed to disk before returning), or to the
+    // candidate (checked by the model only). Refused with in-use while
+    // another session holds the target's lock.
     std::optional<RpcError> edit(std::uint32_t session, const EditRequest& request);
 
-    // Checks a complete configuration (content of <config>, as for edit())
-    // as a replacement of the running one: the model's rules and the
-    // module's checks; nothing changes.
-    std::optional<RpcError> validate(const lyd_node* config);
+    // copy-config: replaces `target` with the complete configuration
+    // `source`. The running configuration changes through the module; the
+    // startup configuration is written to disk.
+    std::optional<RpcError> copy(std::uint32_t session, DatastoreId target, const ConfigSource& source);
+    // delete-config of the startup configuration.
+    std::optional<RpcError> delete_startup(std::uint32_t session);
+
+    // Checks a complete configuration as a replacement of the running one:
+    // the model's rules and the module's checks; nothing changes.
+    std::optional<RpcError> validate(const ConfigSource& source);
+
+    // <commit>: makes the running configuration equal to the candidate
+    // through the module, all or nothing; confirmed commits and their
+    // confirmation (RFC 6241 8.4).
+    std::optional<RpcError> commit(std::uint32_t session, const CommitRequest& request);
+    std::optional<RpcError> cancel_commit(std::uint32_t session, const std::optional<std::string>& persist_id);
+    // <discard-changes>: the candidate becomes the running configuration.
+    std::optional<RpcError> discard_changes(std::uint32_t session);
 
     // XML text read as the server reads <config> (Engine::parse).
     engine::ParsedXml parse(std::string_view xml) const;
 
     Reading read(const ly_ctx* target, const ReadRequest& request = {});
 
-    // The schema context of the running configuration and of edits.
+    // The schema context of the configurations and of edits.
     ly_ctx* context() const;
 
     static constexpr std::size_t kRecentLines = 1000;
 
-    // Lock of the running configuration. lock() returns 0 when granted,
-    // else the id of the session holding it.
-    std::uint32_t lock(std::uint32_t session);
-    bool unlock(std::uint32_t session);   // false: the session does not hold it
+    // Locks; nullopt when granted.
+    std::optional<LockRefusal> lock(std::uint32_t session, DatastoreId datastore = DatastoreId::Running);
+    // False: the session does not hold the lock. Unlocking the candidate
+    // discards its uncommitted changes.
+    bool unlock(std::uint32_t session, DatastoreId datastore = DatastoreId::Running);
+    // Releases the session's locks (discarding uncommitted changes of a
+    // candidate it locked) and rolls back its confirmed commit unless that
+    // was persistent.
     void session_ended(std::uint32_t session);
 
     // Every datastore served, with its lock: what ietf-netconf-monitoring

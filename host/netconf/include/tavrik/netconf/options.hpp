@@ -47,6 +47,7 @@ struct Options {
     std::vector<User> users;
     unsigned workers = 2;            // threads serving the SSH sessions
     bool sync_writes = false;        // flush each commit to disk (power-loss safety)
+    bool boot_from_startup = false;  // at start, the startup configuration (when there is one) becomes the running one
     int verbosity = 1;               // 0 errors, 1 warnings, 2 verbose, 3 debug
     bool help = false;
     bool version = false;

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "client.hpp"
+#include "netconf_client.hpp"
 
 using namespace tavrik::netconf::test;
 

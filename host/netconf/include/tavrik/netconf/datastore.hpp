@@ -1,8 +1,9 @@
 // The running datastore of tkav-netconfd: the engine that drives the
 // configuration module, the embedded simulated appliance the module talks
-// to, the lock of the running configuration, and the snapshot on disk that
-// lets a restarted daemon continue with the last committed configuration
-// and the appliance that goes with it.
+// to, the lock of the running configuration, and the state on disk (a
+// snapshot and a journal of the commits since) that lets a restarted daemon
+// continue with the last committed configuration and the appliance that
+// goes with it.
 //
 // Every call is serialised (the engine and the runtime under it run one call
 // at a time), so a read sees one committed state and edits apply one after
@@ -91,10 +92,11 @@ public:
 
 class Datastore {
 public:
-    // Loads the module and, when the state directory holds a snapshot, the
-    // running configuration and the appliance it describes. Throws
-    // DatastoreError (or engine::EngineError) when that fails; nothing on
-    // disk is touched then.
+    // Loads the module and, when the state directory holds a state, the
+    // running configuration and the appliance it describes (a torn last
+    // journal record is cut off, with a warning on stderr). Throws
+    // DatastoreError (or engine::EngineError) naming the file and offset of
+    // what cannot be read or applied; the files are left as they are then.
     explicit Datastore(const DatastoreOptions& options);
     ~Datastore();
     Datastore(const Datastore&) = delete;
@@ -131,6 +133,11 @@ public:
     std::vector<DatastoreStatus> datastores() const;
 
     const std::string& model_name() const;
+
+    // Returns freed memory to the system after a call that did much work
+    // (a large edit or read); cheap otherwise. The server calls it once a
+    // reply is out, when the memory of the reply is freed too.
+    void release_memory();
 
 private:
     struct Impl;

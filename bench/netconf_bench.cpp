@@ -21,6 +21,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "netconf_client.hpp"
@@ -43,8 +44,10 @@ std::string profiles(int count) {
     return antivirus("<vsys><name>vs1</name><profiles>" + xml + "</profiles></vsys>");
 }
 
-// Resident memory of a process in MiB (VmRSS).
+// Resident memory of a process in MiB (VmRSS), once the reply's memory is
+// released (the daemon does that after sending it).
 double rss_mib(pid_t pid) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(in, line);)
         if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;

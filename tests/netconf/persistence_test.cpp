@@ -59,9 +59,16 @@ Record byte_record(int n) {
     std::string every;
     for (int b = 0; b < 256; ++b) every += static_cast<char>(b);
     Record r{Record::Running::Edit, engine::DefaultOperation::Replace, "<edit n=\"" + std::to_string(n) + "\"/>", {}};
-    r.appliance.push_back({{"vs1", "profile-av-p1", "profile-av", "description " + std::string(498, 'a') + "\xc3"}, 0, {}});
-    r.appliance.push_back({{every, std::string("\0\n", 2), std::nullopt, every}, 1, {}});
-    r.appliance.push_back({{}, 0, {"vs1", "vs\xff"}});
+    const std::vector<ApplianceStep> steps{
+        {{"vs1", "profile-av-p1", "profile-av", "description " + std::string(498, 'a') + "\xc3"}, 0, {}},
+        {{every, std::string("\0\n", 2), std::nullopt, every}, 1, {}},
+        {{}, 0, {"vs1", "vs\xff"}},
+    };
+    for (const ApplianceStep& step : steps) {
+        if (step.removed_vsys.empty()) r.appliance.add_line(step.line, step.cmd_op);
+        else r.appliance.add_removal(step.removed_vsys);
+    }
+    EXPECT_EQ(r.appliance.decode(), steps);
     return r;
 }
 

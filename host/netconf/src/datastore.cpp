@@ -40,7 +40,7 @@ public:
             if (recent_.size() == Datastore::kRecentLines) recent_.pop_front();
             recent_.push_back(ReceivedLine{++received_, line.vsys, line.view, line.view_template, cmd_op, line.line, result});
             if (result != 0) ++refused_;
-            if (result == 0) steps_.push_back(ApplianceStep{line, cmd_op, {}});
+            if (result == 0) steps_.add_line(line, cmd_op);
         }
         return result;
     }
@@ -50,7 +50,7 @@ public:
     int remove_vsys(const std::vector<std::string>& names) override {
         if (muted_) return 0;
         const int result = appliance_.remove_vsys(names);
-        if (result == 0) steps_.push_back(ApplianceStep{{}, 0, names});
+        if (result == 0) steps_.add_removal(names);
         return result;
     }
 
@@ -61,7 +61,7 @@ public:
     }
 
     // What the appliance carried out since the last call.
-    std::vector<ApplianceStep> take_steps() { return std::exchange(steps_, {}); }
+    ApplianceSteps take_steps() { return std::exchange(steps_, {}); }
 
     class Mute {
     public:
@@ -79,7 +79,7 @@ private:
     std::deque<ReceivedLine> recent_;
     std::uint64_t received_ = 0;
     std::uint64_t refused_ = 0;
-    std::vector<ApplianceStep> steps_;
+    ApplianceSteps steps_;
     bool muted_ = false;
 };
 
@@ -176,14 +176,14 @@ struct Datastore::Impl {
             record.default_operation = change.default_operation;
             record.running_xml = edit_text(change.edit);
         }
-        if (record.running == Record::Running::None && record.appliance.empty()) return;
+        if (record.running == Record::Running::None && record.appliance.size() == 0) return;
         store->commit(record, [this] { return whole_state(); });
     }
 
     Record whole_state() const {
         Record snapshot{Record::Running::Whole, engine::DefaultOperation::Merge, engine->running_xml(), {}};
-        for (auto& [line, cmd_op] : appliance.command_lines())
-            snapshot.appliance.push_back(ApplianceStep{std::move(line), cmd_op, {}});
+        for (const auto& [line, cmd_op] : appliance.command_lines())
+            snapshot.appliance.add_line(line, cmd_op);
         return snapshot;
     }
 
@@ -212,7 +212,7 @@ struct Datastore::Impl {
         };
         appliance::Appliance rebuilt;
         const auto steps = [&](const StoredRecord& stored, const std::string& file) {
-            for (const ApplianceStep& step : stored.record.appliance)
+            for (const ApplianceStep& step : stored.record.appliance.decode())
                 if (const int code = replay_step(rebuilt, step))
                     throw refused(file, stored.offset,
                                   "the appliance refuses \"" + (step.removed_vsys.empty() ? step.line.line : "removing vsys") +

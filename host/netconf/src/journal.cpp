@@ -41,6 +41,7 @@ std::uint32_t length_check(std::uint32_t length) { return ~(length * 0x9e3779b1u
 
 class Writer {
 public:
+    explicit Writer(std::string out = {}) : out_(std::move(out)) {}
     void u8(std::uint8_t v) { out_.push_back(static_cast<char>(v)); }
     void u32(std::uint32_t v) {
         for (int i = 0; i < 4; ++i) u8(static_cast<std::uint8_t>(v >> (8 * i)));
@@ -92,26 +93,46 @@ private:
     std::size_t at_ = 0;
 };
 
+void put_line(Writer& w, const runtime::CachedLine& line, unsigned cmd_op) {
+    w.u8(0);
+    w.u32(cmd_op);
+    w.bytes(line.vsys);
+    w.bytes(line.view);
+    w.u8(line.view_template ? 1 : 0);
+    w.bytes(line.view_template.value_or(""));
+    w.bytes(line.line);
+}
+
+void put_removal(Writer& w, const std::vector<std::string>& names) {
+    w.u8(1);
+    w.u32(static_cast<std::uint32_t>(names.size()));
+    for (const std::string& name : names) w.bytes(name);
+}
+
+ApplianceStep take_step(Reader& r) {
+    ApplianceStep step;
+    if (r.u8() != 0) {
+        for (std::uint32_t names = r.u32(); names > 0; --names) step.removed_vsys.push_back(r.bytes());
+        if (step.removed_vsys.empty()) throw Malformed{r.at(), "a vsys removal names no vsys"};
+        return step;
+    }
+    step.cmd_op = r.u32();
+    step.line.vsys = r.bytes();
+    step.line.view = r.bytes();
+    const bool has_template = r.u8() != 0;
+    std::string view_template = r.bytes();
+    if (has_template) step.line.view_template = std::move(view_template);
+    step.line.line = r.bytes();
+    return step;
+}
+
 std::string payload_of(const Record& record) {
     Writer w;
     w.u8(static_cast<std::uint8_t>(record.running));
     w.u8(static_cast<std::uint8_t>(record.default_operation));
     w.bytes(record.running_xml);
-    w.u32(static_cast<std::uint32_t>(record.appliance.size()));
-    for (const ApplianceStep& step : record.appliance) {
-        w.u8(step.removed_vsys.empty() ? 0 : 1);
-        if (!step.removed_vsys.empty()) {
-            w.u32(static_cast<std::uint32_t>(step.removed_vsys.size()));
-            for (const std::string& name : step.removed_vsys) w.bytes(name);
-            continue;
-        }
-        w.u32(step.cmd_op);
-        w.bytes(step.line.vsys);
-        w.bytes(step.line.view);
-        w.u8(step.line.view_template ? 1 : 0);
-        w.bytes(step.line.view_template.value_or(""));
-        w.bytes(step.line.line);
-    }
+    w.u32(record.appliance.size());
+    w.bytes(record.appliance.bytes());
     return w.take();
 }
 
@@ -126,20 +147,13 @@ Record record_of(std::string_view payload) {
     record.running = static_cast<Record::Running>(running);
     record.default_operation = static_cast<engine::DefaultOperation>(operation);
     record.running_xml = r.bytes();
-    for (std::uint32_t n = r.u32(); n > 0; --n) {
-        ApplianceStep& step = record.appliance.emplace_back();
-        if (r.u8() != 0) {
-            for (std::uint32_t names = r.u32(); names > 0; --names) step.removed_vsys.push_back(r.bytes());
-            if (step.removed_vsys.empty()) throw Malformed{r.at(), "a vsys removal names no vsys"};
-            continue;
-        }
-        step.cmd_op = r.u32();
-        step.line.vsys = r.bytes();
-        step.line.view = r.bytes();
-        const bool has_template = r.u8() != 0;
-        std::string view_template = r.bytes();
-        if (has_template) step.line.view_template = std::move(view_template);
-        step.line.line = r.bytes();
+    const std::uint32_t count = r.u32();
+    const std::size_t at = r.at();
+    record.appliance = ApplianceSteps::from_bytes(count, r.bytes());
+    try {
+        record.appliance.decode();
+    } catch (const std::invalid_argument&) {
+        throw Malformed{at, "the appliance's steps do not read"};
     }
     if (!r.done()) throw Malformed{r.at(), "the record has bytes after its last field"};
     return record;
@@ -173,6 +187,39 @@ void write_at(int fd, std::string_view bytes, std::uint64_t offset) {
 }
 
 }  // namespace
+
+void ApplianceSteps::add_line(const runtime::CachedLine& line, unsigned cmd_op) {
+    Writer w(std::move(bytes_));
+    put_line(w, line, cmd_op);
+    bytes_ = w.take();
+    ++count_;
+}
+
+void ApplianceSteps::add_removal(const std::vector<std::string>& names) {
+    Writer w(std::move(bytes_));
+    put_removal(w, names);
+    bytes_ = w.take();
+    ++count_;
+}
+
+ApplianceSteps ApplianceSteps::from_bytes(std::uint32_t count, std::string bytes) {
+    ApplianceSteps steps;
+    steps.count_ = count;
+    steps.bytes_ = std::move(bytes);
+    return steps;
+}
+
+std::vector<ApplianceStep> ApplianceSteps::decode() const {
+    std::vector<ApplianceStep> steps;
+    Reader r(bytes_);
+    try {
+        for (std::uint32_t n = 0; n < count_; ++n) steps.push_back(take_step(r));
+    } catch (const Malformed&) {
+        throw std::invalid_argument("the appliance's steps do not read");
+    }
+    if (!r.done()) throw std::invalid_argument("the appliance's steps do not read");
+    return steps;
+}
 
 std::string encode_record(const Record& record) {
     const std::string payload = payload_of(record);

@@ -300,6 +300,7 @@ std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest
 
 std::optional<RpcError> Datastore::validate(const lyd_node* config) {
     std::lock_guard lock(impl_->mutex);
+    const Impl::Work work(*impl_);
     engine::EditOptions options;
     options.default_operation = engine::DefaultOperation::Replace;
     options.dry_run = true;

@@ -289,28 +289,33 @@ StoredState StateStore::load() {
         const std::string_view text = *journal;
         while (!fresh && end < text.size()) {
             const std::string_view rest = text.substr(end);
-            const bool zeros = std::all_of(rest.begin(), rest.end(), [](char c) { return c == 0; });
+            // A file extended but not written (a power loss) ends in zeros.
+            const auto zeros = [&](std::size_t from = 0) {
+                return std::all_of(rest.begin() + static_cast<std::ptrdiff_t>(from), rest.end(),
+                                   [](char c) { return c == 0; });
+            };
             std::uint32_t length = 0;
-            bool torn = zeros || rest.size() < kRecordHeader;
+            bool torn = rest.size() < kRecordHeader;
             if (!torn) {
                 Reader header(rest);
                 length = header.u32();
-                if (header.u32() != length_check(length)) unreadable(journal_path(), end, "a record's header is damaged");
-                torn = rest.size() < kRecordHeader + length;
-                if (!torn) {
-                    const std::string_view payload = rest.substr(kRecordHeader, length);
-                    if (checksum(payload) != header.u64()) {
-                        // The last record, written in part: torn. Any other
-                        // record is damaged.
-                        if (rest.size() != kRecordHeader + length)
-                            unreadable(journal_path(), end, "a record's checksum does not match");
-                        torn = true;
-                    } else {
-                        try {
-                            state.journal.push_back({end, record_of(payload)});
-                        } catch (const Malformed& m) {
-                            unreadable(journal_path(), end + kRecordHeader + m.at, m.what);
-                        }
+                if (header.u32() != length_check(length)) {
+                    if (!zeros()) unreadable(journal_path(), end, "a record's header is damaged");
+                    torn = true;
+                } else if (rest.size() < kRecordHeader + length) {
+                    torn = true;
+                } else if (const std::string_view payload = rest.substr(kRecordHeader, length);
+                           checksum(payload) != header.u64()) {
+                    // The last record (nothing but zeros after it), written
+                    // in part: torn. Any other record is damaged.
+                    if (!zeros(kRecordHeader + length))
+                        unreadable(journal_path(), end, "a record's checksum does not match");
+                    torn = true;
+                } else {
+                    try {
+                        state.journal.push_back({end, record_of(payload)});
+                    } catch (const Malformed& m) {
+                        unreadable(journal_path(), end + kRecordHeader + m.at, m.what);
                     }
                 }
             }

@@ -5,7 +5,7 @@ packages=(
   build-essential cmake pkg-config binutils
   libxml2-dev libgtest-dev libgmock-dev libbenchmark-dev
   libyang2-dev libyang2-tools libnetconf2-dev libssh-dev libyuma-base
-  python3 python3-ncclient yangcli valgrind clang-14 libclang-rt-14-dev
+  python3 python3-ncclient python3-lxml yangcli valgrind clang-14 libclang-rt-14-dev gnuplot-nox
 )
 missing=()
 for p in "${packages[@]}"; do

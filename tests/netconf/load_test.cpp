@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <thread>
 
-#include "client.hpp"
+#include "netconf_client.hpp"
 #include "tavrik/appliance.hpp"
 
 namespace tavrik::netconf::test {

@@ -30,6 +30,7 @@ import ncclient.transport.ssh
 from ncclient import manager
 from ncclient.operations.rpc import RPCError
 from ncclient.xml_ import to_ele
+from lxml import etree
 
 # ncclient waits up to TICK seconds for each reply.
 ncclient.transport.ssh.TICK = 0.002
@@ -38,7 +39,8 @@ NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
 DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
 NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
-PROFILE_PATH = "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']/"
+PROFILE_PATH = ("/tavrik-antivirus:antivirus/tavrik-antivirus:vsys[tavrik-antivirus:name='vs1']"
+                "/tavrik-antivirus:profiles/tavrik-antivirus:profile[tavrik-antivirus:name='p1']/")
 
 OPTIONS = None  # set from the command line
 SLOW = 1  # how much longer things take: 10 under valgrind
@@ -399,6 +401,40 @@ class NcclientTest(unittest.TestCase):
         self.assertIn("<name>from-example</name>", run.stdout)
         self.assertIn("from-example", texts(self.running(), "name"))
 
+    def test_error_paths_resolve_with_the_namespaces_the_reply_declares(self):
+        """The rpc-error of a module refusal, a model refusal and an appliance
+        refusal, read with lxml: the error-path, with the prefixes declared on
+        it and nothing else, selects the offending node of the request; the
+        node's name is the bad-element; the module's path is in error-info."""
+        cases = [  # (what, profile body, offending node's name, tag, module's path)
+            ("module", "<name>p1</name><description>why?</description>", "description", "bad-element", True),
+            ("model", f"<name>{'p' * 117}</name>", "name", "invalid-value", False),
+            ("appliance", "<name>p1</name><exception-application><application-name>no-such-app</application-name>"
+             "</exception-application>", "exception-application", "operation-failed", False),
+        ]
+        for what, body, name, tag, module_path in cases:
+            with self.subTest(what):
+                request = profile(body)
+                with self.assertRaises(RPCError) as caught:
+                    self.m.edit_config(target="running", config=request)
+                error = etree.fromstring(etree.tostring(caught.exception.xml))  # the rpc-error alone
+                self.assertEqual(error.findtext(f"{{{NC_NS}}}error-tag"), tag)
+                self.assertEqual([etree.QName(c).localname for c in error][-3:],
+                                 ["error-path", "error-message", "error-info"])  # RFC 6241's order
+                path_element = error.find(f"{{{NC_NS}}}error-path")
+                declared = {p: ns for p, ns in path_element.nsmap.items()
+                            if p and error.nsmap.get(p) != ns}
+                data = etree.ElementTree(etree.fromstring(request)[0])  # <antivirus> as the document
+                found = data.xpath(path_element.text, namespaces=declared)
+                self.assertEqual([etree.QName(n).localname for n in found], [name], path_element.text)
+                self.assertEqual(etree.QName(found[0]).namespace, NS)
+                self.assertEqual(error.findtext(f"{{{NC_NS}}}error-info/{{{NC_NS}}}bad-element"), name)
+                info = error.findtext(f"{{{NC_NS}}}error-info/{{{DAEMON_NS}}}module-path")
+                self.assertEqual(bool(info), module_path, info)
+                if module_path:
+                    self.assertTrue(info.endswith("/description"), info)
+        self.assertEqual(texts(self.running(), "profile"), [])
+
     def test_the_candidate_stages_edits_until_they_are_committed(self):
         running, lines = self.running(), self.lines_received()
         self.m.edit_config(target="candidate", config=described("staged"))
@@ -423,7 +459,7 @@ class NcclientTest(unittest.TestCase):
         with self.assertRaises(RPCError) as caught:
             self.m.commit()
         self.assertEqual(caught.exception.tag, "bad-element")
-        self.assertEqual(caught.exception.path, PROFILE_PATH + "description")
+        self.assertEqual(caught.exception.path, PROFILE_PATH + "tavrik-antivirus:description")
         self.assertTrue(caught.exception.message)
         self.assertEqual(self.running(), running)
         self.assertEqual(self.appliance_configuration(), appliance)

@@ -1,43 +1,26 @@
-// The snapshot of the running configuration and the appliance, its atomic
-// replacement, and the datastore built on them.
+// The journal and snapshot of the running configuration and the appliance,
+// atomic replacement, and the datastore built on them.
 #include <gtest/gtest.h>
 #include <libyang/libyang.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <condition_variable>
 #include <filesystem>
+#include <functional>
+#include <csignal>
 #include <fstream>
 #include <mutex>
 #include <utility>
 
 #include "print_tree.hpp"
 #include "atomic_file.hpp"
-#include "snapshot.hpp"
+#include "journal.hpp"
 #include "tavrik/netconf/datastore.hpp"
 
 namespace tavrik::netconf {
 namespace {
-
-TEST(SnapshotTest, SectionsRoundTripWhateverTheyHold) {
-    const Snapshot snapshot{42, {{"running", "<a>\n</a>\n"}, {"appliance", ""}, {"binary", std::string("x\0y\n\n", 5)}}};
-    const auto decoded = decode_snapshot(encode_snapshot(snapshot));
-    ASSERT_TRUE(decoded);
-    EXPECT_EQ(*decoded, snapshot);
-    EXPECT_EQ(section_of(decoded->sections, "appliance"), "");
-    EXPECT_EQ(section_of(decoded->sections, "missing"), std::nullopt);
-}
-
-TEST(SnapshotTest, AnythingButAWholeSlotIsRefused) {
-    const std::string good = encode_snapshot({7, {{"running", "abc"}}});
-    std::string flipped = good;
-    flipped[flipped.size() - 2] = 'x';  // same length, other content
-    for (const std::string& bad :
-         {std::string(), std::string("hello\n"), good.substr(0, good.size() - 1), good + "x", flipped,
-          encode_snapshot({7, {{"running", "abc"}}}).replace(25, 1, "8")}) {
-        EXPECT_FALSE(decode_snapshot(bad)) << bad;
-    }
-}
 
 class FileTest : public ::testing::Test {
 protected:
@@ -73,24 +56,142 @@ TEST_F(FileTest, AFailedWriteLeavesTheOldFile) {
     EXPECT_THROW(write_file_atomically(dir + "/no/such/dir/file", "x", 0600, false), std::system_error);
 }
 
-TEST_F(FileTest, SlotsTakeTurnsAndATornSlotFallsBackToThePreviousCommit) {
-    SnapshotStore store(dir, false);
-    EXPECT_EQ(store.load(), std::nullopt);
-    for (int i = 1; i <= 3; ++i) store.save({{"n", std::to_string(i)}});
-    EXPECT_EQ(SnapshotStore(dir, true).load(), (Sections{{"n", "3"}}));
+// A record whose appliance lines hold every byte value, a line cut inside a
+// UTF-8 character ("\xc3" without its second byte) among them.
+Record byte_record(int n) {
+    std::string every;
+    for (int b = 0; b < 256; ++b) every += static_cast<char>(b);
+    Record r{Record::Running::Edit, engine::DefaultOperation::Replace, "<edit n=\"" + std::to_string(n) + "\"/>", {}};
+    const std::vector<ApplianceStep> steps{
+        {{"vs1", "profile-av-p1", "profile-av", "description " + std::string(498, 'a') + "\xc3"}, 0, {}},
+        {{every, std::string("\0\n", 2), std::nullopt, every}, 1, {}},
+        {{}, 0, {"vs1", "vs\xff"}},
+    };
+    for (const ApplianceStep& step : steps) {
+        if (step.removed_vsys.empty()) r.appliance.add_line(step.line, step.cmd_op);
+        else r.appliance.add_removal(step.removed_vsys);
+    }
+    EXPECT_EQ(r.appliance.decode(), steps);
+    return r;
+}
 
-    // A crash while the next commit was written: its slot is cut short.
-    const std::string torn = store.slot_path(0);  // generation 4 goes to slot 0
-    store.save({{"n", "4"}});
-    std::filesystem::resize_file(torn, std::filesystem::file_size(torn) - 1);
-    SnapshotStore reloaded(dir, false);
-    EXPECT_EQ(reloaded.load(), (Sections{{"n", "3"}}));
-    reloaded.save({{"n", "5"}});  // overwrites the torn slot
-    EXPECT_EQ(SnapshotStore(dir, false).load(), (Sections{{"n", "5"}}));
+const auto no_snapshot = [] { return Record{Record::Running::Whole, {}, "", {}}; };
 
-    std::ofstream(store.slot_path(0)) << "garbage";
-    std::ofstream(store.slot_path(1)) << "garbage";
-    EXPECT_THROW(SnapshotStore(dir, false).load(), SnapshotError);
+std::vector<Record> records_of(const StoredState& state) {
+    std::vector<Record> out;
+    for (const StoredRecord& stored : state.journal) out.push_back(stored.record);
+    return out;
+}
+
+std::string file_text(const std::string& path) { return read_file(path).value_or(""); }
+
+TEST_F(FileTest, RecordsRoundTripEveryByteAndATornLastRecordIsCutOff) {
+    {
+        StateStore store(dir, false);
+        EXPECT_TRUE(store.load().journal.empty());
+        for (int n = 0; n < 3; ++n) store.commit(byte_record(n), no_snapshot);
+    }
+    const std::vector<Record> written{byte_record(0), byte_record(1), byte_record(2)};
+    StateStore store(dir, false);
+    EXPECT_EQ(records_of(store.load()), written);
+
+    // Killed while the fourth record was written: the file ends inside it,
+    // anywhere from its header to its last byte, or in zeros.
+    const std::string path = store.journal_path();
+    const auto whole = std::filesystem::file_size(path);
+    const std::size_t size = encode_record(byte_record(3)).size();
+    for (const std::size_t cut : {std::size_t(3), std::size_t(16), size / 2, size - 1, size}) {
+        SCOPED_TRACE(cut);
+        store.commit(byte_record(3), no_snapshot);
+        if (cut == size) {
+            std::string text = file_text(path);
+            std::fill(text.begin() + static_cast<std::ptrdiff_t>(whole), text.end(), '\0');
+            write_file_atomically(path, text, 0600, false);
+        } else {
+            std::filesystem::resize_file(path, whole + cut);
+        }
+        const StoredState state = store.load();
+        EXPECT_EQ(records_of(state), written);
+        ASSERT_EQ(state.warnings.size(), 1u);
+        EXPECT_NE(state.warnings[0].find("journal: offset " + std::to_string(whole) + ": the last record"),
+                  std::string::npos) << state.warnings[0];
+        EXPECT_EQ(std::filesystem::file_size(path), whole);  // cut off: the next record follows the last whole one
+    }
+    store.commit(byte_record(4), no_snapshot);
+    std::vector<Record> more = written;
+    more.push_back(byte_record(4));
+    EXPECT_EQ(records_of(StateStore(dir, false).load()), more);
+}
+
+TEST_F(FileTest, CompactionStartsAJournalThatBelongsToTheNewSnapshot) {
+    StateStore store(dir, true);
+    store.load();
+    const Record whole{Record::Running::Whole, {}, "<whole/>", byte_record(0).appliance};
+    store.commit(byte_record(1), [&] { return whole; });
+    Record large = byte_record(2);
+    large.running_xml.assign(StateStore::kCompactionFloor, 'x');
+    store.commit(large, [&] { return whole; });  // the journal would outgrow the floor
+    store.commit(byte_record(3), no_snapshot);
+
+    StoredState state = StateStore(dir, false).load();
+    EXPECT_EQ(state.snapshot.record, whole);
+    EXPECT_EQ(records_of(state), std::vector<Record>{byte_record(3)});
+
+    // Killed between the new snapshot and the new journal: the journal of
+    // the older generation is ignored, its records are in the snapshot.
+    const std::string old_journal = file_text(store.journal_path());
+    store.commit({Record::Running::Whole, {}, {}, {}}, [&] { return whole; });
+    write_file_atomically(store.journal_path(), old_journal, 0600, false);
+    state = StateStore(dir, false).load();
+    EXPECT_EQ(state.snapshot.record, whole);
+    EXPECT_TRUE(state.journal.empty());
+}
+
+// Anything but a torn last record stops the load with the file and the
+// offset named, and leaves every file as it is.
+TEST_F(FileTest, AStateThatDoesNotReadIsNamedAndKept) {
+    const std::size_t second = 16 + encode_record(byte_record(0)).size();
+    struct Case {
+        const char* name;
+        const char* file;
+        std::function<void(std::string&)> damage;
+        std::string offset;
+    };
+    const Case cases[] = {
+        {"a record's checksum", "journal", [](std::string& t) { t[100] ^= 1; }, "offset 16: a record's checksum"},
+        {"a record's length", "journal", [&](std::string& t) { t[second] ^= 1; },
+         "offset " + std::to_string(second) + ": a record's header"},
+        {"the journal's header", "journal", [](std::string& t) { t[0] = 'x'; }, "offset 0: this is not a state file"},
+        {"a newer journal", "journal", [](std::string& t) { t[8] = 9; }, "offset 8: the journal is newer"},
+        {"the snapshot", "snapshot", [](std::string& t) { t[t.size() - 1] ^= 1; }, "offset 16: the snapshot's checksum"},
+        {"an earlier daemon's slot", "snapshot.0", nullptr, "offset 0: a state file of an earlier"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::filesystem::remove_all(dir);
+        std::filesystem::create_directory(dir);
+        const std::string path = dir + "/" + c.file;
+        if (c.damage) {
+            StateStore store(dir, false);
+            store.load();
+            store.commit({Record::Running::Whole, {}, {}, {}},
+                         [] { return Record{Record::Running::Whole, {}, "<whole/>", byte_record(9).appliance}; });
+            for (int n = 0; n < 2; ++n) store.commit(byte_record(n), no_snapshot);
+            std::string text = file_text(path);
+            c.damage(text);
+            write_file_atomically(path, text, 0600, false);
+        } else {
+            write_file_atomically(path, "tkav-netconfd snapshot 1 ...", 0600, false);
+        }
+        const std::string before = file_text(path);
+        try {
+            StateStore(dir, false).load();
+            ADD_FAILURE() << "loaded";
+        } catch (const StateError& e) {
+            EXPECT_NE(std::string(e.what()).find(path + ": " + c.offset), std::string::npos) << e.what();
+        }
+        EXPECT_EQ(file_text(path), before);
+    }
 }
 
 TEST_F(FileTest, MakeDirectoriesCreatesTheMissingParents) {
@@ -153,9 +254,7 @@ TEST_F(DatastoreTest, ACommittedEditSurvivesANewDatastore) {
         // Checks leave the snapshot alone.
         EXPECT_EQ(edit(store, kProfile, 1, TestOption::TestOnly), std::nullopt);
     }
-    const auto sections = SnapshotStore(dir, false).load();
-    ASSERT_TRUE(sections);
-    EXPECT_NE(section_of(*sections, "appliance").value_or("").find("kept"), std::string::npos);
+    EXPECT_EQ(StateStore(dir, false).load().journal.size(), 1u);  // the test-only edit wrote nothing
 
     Datastore again(options());
     EXPECT_EQ(running_text(again), running);
@@ -167,28 +266,39 @@ TEST_F(DatastoreTest, ACommittedEditSurvivesANewDatastore) {
 TEST_F(DatastoreTest, ARefusedEditWritesNothing) {
     Datastore store(options());
     ASSERT_EQ(edit(store, kProfile), std::nullopt);
-    const auto before = SnapshotStore(dir, false).load();
+    const std::string journal = file_text(dir + "/journal");
     const auto error = edit(store, "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys>"
                                           "<name>vs1</name><profiles><profile><name>p1</name><description>?"
                                           "</description></profile></profiles></vsys></antivirus>");
     ASSERT_TRUE(error);
     EXPECT_EQ(error->tag, engine::ErrorTag::BadElement);
-    EXPECT_EQ(SnapshotStore(dir, false).load(), before);
+    EXPECT_EQ(file_text(dir + "/journal"), journal);
 }
 
+// The journal cannot grow (a file size limit): the edit is undone, in the
+// running configuration and on the appliance, and the journal is as before.
 TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone) {
     Datastore store(options());
     ASSERT_EQ(edit(store, kProfile), std::nullopt);
     const std::string before = running_text(store);
-    std::filesystem::create_directory(dir + "/snapshot.0");  // blocks the next commit
+    const std::string journal = file_text(dir + "/journal");
     std::string changed(kProfile);
     changed.replace(changed.find("kept"), 4, "lost");
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit lowered{journal.size() + 8, limit.rlim_max};
+    const auto previous = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &lowered);
     const auto error = edit(store, changed);
+    setrlimit(RLIMIT_FSIZE, &limit);
+    std::signal(SIGXFSZ, previous);
     ASSERT_TRUE(error);
     EXPECT_NE(error->message.find("could not be saved"), std::string::npos) << error->message;
     EXPECT_EQ(running_text(store), before);
     const Reading reading = store.read(nullptr, ReadRequest{false, true});
     EXPECT_NE(reading.platform.configuration->find("kept"), std::string::npos) << *reading.platform.configuration;
+    EXPECT_EQ(file_text(dir + "/journal"), journal);
+    EXPECT_EQ(edit(store, changed), std::nullopt);  // and the next commit goes on from there
 }
 
 TEST_F(DatastoreTest, TheLockBelongsToOneSessionUntilItEnds) {

@@ -2,7 +2,7 @@
 // "netconf" subsystem runs it.
 #include <gtest/gtest.h>
 
-#include "client.hpp"
+#include "netconf_client.hpp"
 
 namespace tavrik::netconf::test {
 namespace {

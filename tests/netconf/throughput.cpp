@@ -13,7 +13,7 @@
 #include <cstring>
 #include <functional>
 
-#include "client.hpp"
+#include "netconf_client.hpp"
 
 using namespace tavrik::netconf::test;
 

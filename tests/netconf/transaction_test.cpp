@@ -6,7 +6,7 @@
 #include <functional>
 #include <thread>
 
-#include "client.hpp"
+#include "netconf_client.hpp"
 
 namespace tavrik::netconf::test {
 namespace {

@@ -152,6 +152,10 @@ std::optional<std::string> Appliance::save_to_store() const {
     return std::nullopt;
 }
 
+std::vector<std::pair<runtime::CachedLine, unsigned>> Appliance::command_lines() const {
+    return detail::command_lines(config_);
+}
+
 int Appliance::execute(const runtime::CachedLine& line, unsigned cmd_op) {
     detail::Outcome o = detail::execute_line(config_, references_, line, cmd_op);
     if (o.code != kAccepted) return refuse(line, cmd_op, o.code, std::move(o.reason));

@@ -2,12 +2,15 @@
 
 #include <fcntl.h>
 #include <libyang/libyang.h>
+#include <malloc.h>
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -17,7 +20,7 @@
 #include <thread>
 
 #include "atomic_file.hpp"
-#include "snapshot.hpp"
+#include "journal.hpp"
 #include "tavrik/appliance.hpp"
 #include "tavrik/runtime.hpp"
 #include "tavrik/vsys_feature.hpp"
@@ -25,9 +28,7 @@
 namespace tavrik::netconf {
 namespace {
 
-constexpr const char* kRunningSection = "running";
-constexpr const char* kApplianceSection = "appliance";
-// Files of the state directory beside the snapshot.
+// Files of the state directory beside the journal.
 constexpr const char* kStartupFile = "startup.xml";
 // The running configuration before a pending confirmed commit.
 constexpr const char* kRollbackFile = "confirmed-commit.xml";
@@ -35,25 +36,34 @@ constexpr const char* kRollbackFile = "confirmed-commit.xml";
 constexpr DatastoreId kDatastores[] = {DatastoreId::Running, DatastoreId::Candidate, DatastoreId::Startup};
 
 // The platform the runtime delivers to: the appliance, watched, so that
-// clients can see the lines it received. It stands in for the server's vsys
-// feature as the appliance does.
+// clients can see the lines it received, and so that what it carried out
+// goes into the journal with the next commit. It stands in for the server's
+// vsys feature as the appliance does. Muted, it accepts everything and
+// passes nothing on (the module's lines while the journal is replayed).
 class WatchedAppliance final : public runtime::Platform, public engine::VsysFeature {
 public:
     explicit WatchedAppliance(appliance::Appliance& appliance) : appliance_(appliance) {}
 
     int deliver(const std::vector<runtime::CachedLine>& lines, unsigned cmd_op) override {
+        if (muted_) return 0;
         const int result = appliance_.deliver(lines, cmd_op);
         for (const auto& line : lines) {
             if (recent_.size() == Datastore::kRecentLines) recent_.pop_front();
             recent_.push_back(ReceivedLine{++received_, line.vsys, line.view, line.view_template, cmd_op, line.line, result});
             if (result != 0) ++refused_;
+            if (result == 0) steps_.add_line(line, cmd_op);
         }
         return result;
     }
 
     runtime::DocumentReply document(unsigned msg_type) override { return appliance_.document(msg_type); }
 
-    int remove_vsys(const std::vector<std::string>& names) override { return appliance_.remove_vsys(names); }
+    int remove_vsys(const std::vector<std::string>& names) override {
+        if (muted_) return 0;
+        const int result = appliance_.remove_vsys(names);
+        if (result == 0) steps_.add_removal(names);
+        return result;
+    }
 
     void read(PlatformReading& reading) const {
         reading.received = received_;
@@ -61,14 +71,64 @@ public:
         reading.recent.assign(recent_.begin(), recent_.end());
     }
 
+    // What the appliance carried out since the last call.
+    ApplianceSteps take_steps() { return std::exchange(steps_, {}); }
+
+    class Mute {
+    public:
+        explicit Mute(WatchedAppliance& w) : w_(w) { w_.muted_ = true; }
+        ~Mute() { w_.muted_ = false; }
+        Mute(const Mute&) = delete;
+        Mute& operator=(const Mute&) = delete;
+
+    private:
+        WatchedAppliance& w_;
+    };
+
 private:
     appliance::Appliance& appliance_;
     std::deque<ReceivedLine> recent_;
     std::uint64_t received_ = 0;
     std::uint64_t refused_ = 0;
+    ApplianceSteps steps_;
+    bool muted_ = false;
 };
 
 using engine::DataTree;
+
+// Carries out a step the journal recorded on `appliance`; the code of a
+// refusal.
+int replay_step(appliance::Appliance& appliance, const ApplianceStep& step) {
+    if (!step.removed_vsys.empty()) return appliance.remove_vsys(step.removed_vsys);
+    return appliance.execute(step.line, step.cmd_op);
+}
+
+// The edit-config payload as text that Engine::parse reads back.
+std::string edit_text(const lyd_node* edit) {
+    char* text = nullptr;
+    if (edit && lyd_print_mem(&text, edit, LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK | LYD_PRINT_KEEPEMPTYCONT) != LY_SUCCESS)
+        throw DatastoreError("cannot print the edit for the journal");
+    std::string out = text ? text : "";
+    std::free(text);
+    return out;
+}
+
+// What a commit changed in the running configuration: the edit-config
+// payload and its default operation, or (no edit) the whole configuration,
+// as after Engine::replace_running.
+struct RunningChange {
+    const lyd_node* edit = nullptr;
+    engine::DefaultOperation default_operation = engine::DefaultOperation::Merge;
+    bool whole = true;
+};
+
+RunningChange edit_change(const lyd_node* edit, engine::DefaultOperation op) { return {edit, op, false}; }
+
+// Datastore calls that take this long have allocated and freed much (a
+// large edit or read): the server releases freed memory once the reply is
+// out (release_memory()).
+constexpr auto kLargeWork = std::chrono::milliseconds(10);
+
 using engine::ErrorTag;
 using engine::ErrorType;
 
@@ -153,8 +213,8 @@ struct Datastore::Impl {
     appliance::Appliance appliance;
     WatchedAppliance platform{appliance};
     std::unique_ptr<engine::Engine> engine;
-    std::optional<SnapshotStore> store;  // none: nothing persists
-    std::string committed;  // running configuration as last written to disk
+    std::optional<StateStore> store;  // none: nothing persists
+    std::atomic<bool> memory_to_release{false};
     std::array<Lock, std::size(kDatastores)> locks;
     std::optional<DataTree> candidate;          // none: equal to the running configuration
     std::set<std::uint32_t> candidate_editors;  // the sessions whose changes the candidate holds
@@ -178,29 +238,102 @@ struct Datastore::Impl {
         runtime::set_platform(nullptr);
     }
 
-    // Back to the configuration on disk (after a commit that failed).
-    void restore_committed() {
-        engine->replace_running(engine->parse(committed).tree);
+    // Writes the change of the running configuration and what the appliance
+    // carried out since the last commit to disk: one journal record, or a
+    // new snapshot when the change is whole or the journal has grown. The
+    // change is committed when this returns; it throws when nothing could be
+    // written. The one way of every change of the running configuration to
+    // disk.
+    void commit(const RunningChange& change = {}) {
+        Record record;
+        record.appliance = platform.take_steps();
+        if (!store) return;
+        if (change.whole) {
+            record.running = Record::Running::Whole;
+        } else if (change.edit) {
+            record.running = Record::Running::Edit;
+            record.default_operation = change.default_operation;
+            record.running_xml = edit_text(change.edit);
+        }
+        if (record.running == Record::Running::None && record.appliance.size() == 0) return;
+        store->commit(record, [this] { return whole_state(); });
     }
 
-    // Writes the running configuration and the appliance to disk together;
-    // the edit that led to them is committed when this returns.
-    void commit() {
-        std::string running = engine->running_xml();
-        if (store) store->save({{kRunningSection, running}, {kApplianceSection, appliance.running_config_xml()}});
-        committed = std::move(running);
+    Record whole_state() const {
+        Record snapshot{Record::Running::Whole, engine::DefaultOperation::Merge, engine->running_xml(), {}};
+        for (const auto& [line, cmd_op] : appliance.command_lines())
+            snapshot.appliance.add_line(line, cmd_op);
+        return snapshot;
     }
 
+    // Makes the running configuration and the appliance what `state`
+    // describes. The engine holds the snapshot's configuration already
+    // (`at_snapshot`) or is given it; the journal's edits then run through
+    // the engine with the platform muted, and the appliance is rebuilt from
+    // the recorded steps. Throws DatastoreError naming the file and offset
+    // of what does not apply.
+    void restore(const StoredState& state, bool at_snapshot) {
+        const WatchedAppliance::Mute mute(platform);
+        const auto refused = [&](const std::string& file, std::uint64_t offset, const std::string& why) {
+            return DatastoreError(file + ": offset " + std::to_string(offset) + ": " + why +
+                                  "; tkav-netconfd does not start on a state it cannot apply, and leaves the file as it is");
+        };
+        const auto running = [&](const StoredRecord& stored, const std::string& file) {
+            const Record& record = stored.record;
+            if (record.running == Record::Running::None) return;
+            engine::ParsedXml parsed = engine->parse(record.running_xml);
+            std::optional<RpcError> error = parsed.error;
+            if (!error && record.running == Record::Running::Whole)
+                error = engine->replace_running(std::move(parsed.tree)).error;
+            else if (!error)
+                error = engine->edit(parsed.tree.get(), {record.default_operation}).error;
+            if (error) throw refused(file, stored.offset, "the running configuration refuses it: " + error->message);
+        };
+        appliance::Appliance rebuilt;
+        const auto steps = [&](const StoredRecord& stored, const std::string& file) {
+            for (const ApplianceStep& step : stored.record.appliance.decode())
+                if (const int code = replay_step(rebuilt, step))
+                    throw refused(file, stored.offset,
+                                  "the appliance refuses \"" + (step.removed_vsys.empty() ? step.line.line : "removing vsys") +
+                                      "\" (" + std::string(appliance::code_name(code)) + ")");
+        };
+        if (!at_snapshot) running(state.snapshot, store->snapshot_path());
+        steps(state.snapshot, store->snapshot_path());
+        for (const StoredRecord& stored : state.journal) {
+            running(stored, store->journal_path());
+            steps(stored, store->journal_path());
+        }
+        appliance = std::move(rebuilt);
+        platform.take_steps();
+    }
+
+    // Back to the state on disk (after a commit that could not be written).
+    void restore_committed() { restore(store->load(), false); }
+
+    // Marks the memory of a datastore call that took long for release.
+    class Work {
+    public:
+        explicit Work(Impl& impl) : impl_(impl) {}
+        ~Work() {
+            if (std::chrono::steady_clock::now() - start_ >= kLargeWork) impl_.memory_to_release = true;
+        }
+        Work(const Work&) = delete;
+        Work& operator=(const Work&) = delete;
+
+    private:
+        Impl& impl_;
+        std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    };
     // Every change of the running configuration ends here: what the engine
     // did (`result`) is committed to disk, or undone when it cannot be, and
     // reported.
     std::optional<RpcError> settle(std::uint32_t session, std::optional<DatastoreId> source,
-                                   engine::EditResult result) {
+                                   engine::EditResult result, const RunningChange& change = {}) {
         if (!result.ok) return result.error;
         try {
-            commit();
+            commit(change);
         } catch (const std::exception& e) {
-            // Not on disk, so not committed: back to the configuration that is.
+            // Not on disk, so not committed: back to the state that is.
             restore_committed();
             return failed(std::string("the configuration could not be saved, the edit is undone: ") + e.what());
         }
@@ -343,36 +476,32 @@ struct Datastore::Impl {
 Datastore::Datastore(const DatastoreOptions& options) : impl_(std::make_unique<Impl>()) {
     Impl& d = *impl_;
     d.options = options;
-    std::string running;
+    std::optional<StoredState> state;
     std::optional<std::string> startup, rollback;
     if (d.persists()) {
         make_directories(options.state_dir);
         d.directory_lock.emplace(options.state_dir);
-        auto& store = d.store.emplace(options.state_dir, options.sync_writes);
-        std::optional<Sections> sections;
         try {
-            sections = store.load();
+            state = d.store.emplace(options.state_dir, options.sync_writes).load();
             startup = read_file(d.file(kStartupFile));
             rollback = read_file(d.file(kRollbackFile));
-        } catch (const SnapshotError& e) {
+        } catch (const StateError& e) {
             throw DatastoreError(e.what());
         } catch (const std::system_error& e) {
             throw DatastoreError(e.what());
         }
-        if (sections) {
-            running = section_of(*sections, kRunningSection).value_or("");
-            try {
-                d.appliance = appliance::Appliance(
-                    appliance::parse_configuration(section_of(*sections, kApplianceSection).value_or("")));
-            } catch (const appliance::ConfigurationError& e) {
-                throw DatastoreError("the appliance cannot be restored from " + options.state_dir + ": " + e.what());
-            }
-        }
+        for (const std::string& warning : state->warnings) std::fprintf(stderr, "tkav-netconfd: warning: %s\n", warning.c_str());
     }
     runtime::set_platform(&d.platform);
-    d.engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
+    const std::string running = state ? state->snapshot.record.running_xml : std::string();
+    try {
+        d.engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
+    } catch (const engine::EngineError& e) {
+        if (!state || !e.detail()) throw;
+        throw DatastoreError(d.store->snapshot_path() + ": the running configuration cannot be read: " + e.what());
+    }
     d.engine->set_vsys_feature(&d.platform);
-    d.committed = std::move(running);
+    if (state) d.restore(*state, true);
     if (startup) {
         engine::ParsedXml parsed = d.engine->parse(*startup);
         DataTree tree;
@@ -400,6 +529,7 @@ Datastore::~Datastore() = default;
 
 std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest& request) {
     std::lock_guard lock(impl_->mutex);
+    const Impl::Work work(*impl_);
     Impl& d = *impl_;
     if (auto error = d.check_lock(session, request.target)) return error;
     if (request.target == DatastoreId::Candidate) return d.edit_candidate(session, request);
@@ -408,11 +538,12 @@ std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest
     options.dry_run = request.test_option == TestOption::TestOnly;
     engine::EditResult result = d.engine->edit(request.config, options);
     if (!result.ok || options.dry_run) return result.error;
-    return d.settle(session, DatastoreId::Running, std::move(result));
+    return d.settle(session, DatastoreId::Running, std::move(result), edit_change(request.config, request.default_operation));
 }
 
 std::optional<RpcError> Datastore::copy(std::uint32_t session, DatastoreId target, const ConfigSource& source) {
     std::lock_guard lock(impl_->mutex);
+    const Impl::Work work(*impl_);
     Impl& d = *impl_;
     if (auto error = d.check_lock(session, target)) return error;
     if (source.datastore == target) return std::nullopt;
@@ -449,6 +580,7 @@ std::optional<RpcError> Datastore::delete_startup(std::uint32_t session) {
 
 std::optional<RpcError> Datastore::validate(const ConfigSource& source) {
     std::lock_guard lock(impl_->mutex);
+    const Impl::Work work(*impl_);
     Impl& d = *impl_;
     if (source.datastore == DatastoreId::Running || (source.datastore == DatastoreId::Candidate && !d.candidate))
         return std::nullopt;
@@ -461,6 +593,7 @@ std::optional<RpcError> Datastore::validate(const ConfigSource& source) {
 
 std::optional<RpcError> Datastore::commit(std::uint32_t session, const CommitRequest& request) {
     std::lock_guard lock(impl_->mutex);
+    const Impl::Work work(*impl_);
     Impl& d = *impl_;
     for (const DatastoreId datastore : {DatastoreId::Running, DatastoreId::Candidate})
         if (auto error = d.check_lock(session, datastore)) return error;
@@ -527,6 +660,7 @@ ly_ctx* Datastore::context() const { return impl_->engine->context(); }
 
 Reading Datastore::read(const ly_ctx* target, const ReadRequest& request) {
     std::lock_guard lock(impl_->mutex);
+    const Impl::Work work(*impl_);
     Reading reading;
     if (const lyd_node* tree = impl_->tree_of(request.source); tree && target) {
         const uint32_t options = LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS;
@@ -587,6 +721,10 @@ std::vector<DatastoreStatus> Datastore::datastores() const {
         out.push_back(DatastoreStatus{std::string(name_of(datastore)), held.holder, held.since});
     }
     return out;
+}
+
+void Datastore::release_memory() {
+    if (impl_->memory_to_release.exchange(false)) malloc_trim(0);
 }
 
 const std::string& Datastore::model_name() const { return impl_->engine->model_name(); }

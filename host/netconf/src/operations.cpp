@@ -2,6 +2,7 @@
 #include <libyang/libyang.h>
 #include <nc_server.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "monitoring.hpp"
 #include "service.hpp"
@@ -91,7 +93,102 @@ NC_ERR_TYPE nc_type(ErrorType type) {
     return NC_ERR_TYPE_APP;
 }
 
-// One rpc-error as libnetconf2 builds it, with our message and path.
+// Text as XML character data.
+std::string xml_escaped(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        switch (c) {
+        case '&': out += "&amp;"; break;
+        case '<': out += "&lt;"; break;
+        case '>': out += "&gt;"; break;
+        default: out += c;
+        }
+    }
+    return out;
+}
+
+// An instance path as libyang prints it (a module name before the first node
+// of each module, list keys in predicates) in the form XPath reads in XML,
+// where a name without prefix has no namespace: every node and key name with
+// the module name as its prefix. `modules` gets the modules used.
+std::string qualified_path(std::string_view path, std::vector<std::string>& modules) {
+    std::string out;
+    std::string module;
+    const auto name = [&](std::size_t& i) {  // a node or key name at path[i]
+        std::size_t end = i;
+        while (end < path.size() && std::string_view("/[]=").find(path[end]) == std::string_view::npos) ++end;
+        std::string_view text = path.substr(i, end - i);
+        if (const auto colon = text.find(':'); colon != std::string_view::npos) {
+            module = text.substr(0, colon);
+            text.remove_prefix(colon + 1);
+        }
+        if (!module.empty()) {
+            if (std::find(modules.begin(), modules.end(), module) == modules.end()) modules.push_back(module);
+            out += module + ':';
+        }
+        out += text;
+        i = end;
+    };
+    for (std::size_t i = 0; i < path.size();) {
+        const char c = path[i];
+        if (c == '/') {
+            out += c;
+            name(++i);
+        } else if (c == '[') {
+            out += c;
+            ++i;
+            const bool key = i < path.size() && path[i] != '.' && !(path[i] >= '0' && path[i] <= '9');
+            if (key) name(i);
+            // The rest of the predicate verbatim; a quoted value may hold ']'.
+            for (char quote = 0; i < path.size(); ++i) {
+                out += path[i];
+                if (quote) {
+                    if (path[i] == quote) quote = 0;
+                } else if (path[i] == '\'' || path[i] == '"') {
+                    quote = path[i];
+                } else if (path[i] == ']') {
+                    ++i;
+                    break;
+                }
+            }
+        } else {
+            out += c;
+            ++i;
+        }
+    }
+    return out;
+}
+
+// Replaces the error-path libnetconf2 made (a value without namespace
+// declarations) with one that declares the prefixes of its path, as
+// libyang's XML parser keeps them for an opaque node's value.
+void set_error_path(const ly_ctx* ctx, lyd_node* err, const std::string& path) {
+    nc_err_set_path(err, path.c_str());
+    std::vector<std::string> modules;
+    const std::string qualified = qualified_path(path, modules);
+    std::string xml = "<error-path xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"";
+    for (const std::string& module : modules)
+        if (const lys_module* m = ly_ctx_get_module_implemented(ctx, module.c_str()))
+            xml += " xmlns:" + module + "=\"" + m->ns + '"';
+    xml += '>' + xml_escaped(qualified) + "</error-path>";
+    lyd_node* declared = nullptr;
+    if (lyd_parse_data_mem(const_cast<ly_ctx*>(ctx), xml.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0,
+                           &declared) != LY_SUCCESS)
+        return;  // libnetconf2's error-path stays
+    for (lyd_node* child = lyd_child(err); child; child = child->next) {
+        if (!child->schema && std::string_view(LYD_NAME(child)) == "error-path") {
+            lyd_insert_before(child, declared);
+            lyd_free_tree(child);
+            return;
+        }
+    }
+    lyd_free_tree(declared);
+}
+
+// One rpc-error as libnetconf2 builds it, with our message and path; the
+// node's name as bad-element and the module's own path string as
+// <module-path> of the daemon's namespace in error-info.
 lyd_node* make_error(const ly_ctx* ctx, const RpcError& error, std::uint32_t session = 0) {
     const NC_ERR tag = nc_tag(error.tag);
     const NC_ERR_TYPE type = nc_type(error.type);
@@ -125,7 +222,27 @@ lyd_node* make_error(const ly_ctx* ctx, const RpcError& error, std::uint32_t ses
     }
     if (!err) return nullptr;
     if (!error.message.empty()) nc_err_set_msg(err, error.message.c_str(), "en");
-    if (!error.path.empty()) nc_err_set_path(err, error.path.c_str());
+    if (!error.path.empty()) set_error_path(ctx, err, error.path);
+    const bool names_element = (tag >= NC_ERR_MISSING_ATTR && tag <= NC_ERR_UNKNOWN_NS);
+    if (!names_element && !error.bad_element.empty()) nc_err_add_bad_elem(err, element);
+    if (!error.module_path.empty()) {
+        const lys_module* daemon = ly_ctx_get_module_implemented(ctx, kDaemonModule);
+        lyd_node* info = nullptr;
+        if (daemon && lyd_new_opaq2(nullptr, ctx, "module-path", error.module_path.c_str(), nullptr, daemon->ns,
+                                    &info) == LY_SUCCESS)
+            nc_err_add_info_other(err, info);
+    }
+    // In the order of RFC 6241 (libnetconf2 appends in the order of its calls).
+    for (const std::string_view name : {"error-type", "error-tag", "error-severity", "error-app-tag", "error-path",
+                                        "error-message", "error-info"}) {
+        for (lyd_node* child = lyd_child(err); child; child = child->next) {
+            if (LYD_NAME(child) == name) {
+                lyd_unlink_tree(child);
+                lyd_insert_child(err, child);
+                break;
+            }
+        }
+    }
     return err;
 }
 
@@ -322,6 +439,36 @@ nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
     });
 }
 
+// `bytes` as XML text: every byte that is not part of a well-formed UTF-8
+// character, and every control character XML does not allow, becomes
+// U+FFFD. The appliance's lines are bytes (the module cuts a line at its
+// buffer's size, possibly inside a character), the reply must be text.
+std::string xml_text(std::string_view bytes) {
+    std::string out;
+    out.reserve(bytes.size());
+    for (std::size_t i = 0; i < bytes.size();) {
+        const auto b = static_cast<unsigned char>(bytes[i]);
+        std::size_t n = b < 0x80 ? 1 : (b >> 5) == 0x6 ? 2 : (b >> 4) == 0xe ? 3 : (b >> 3) == 0x1e ? 4 : 0;
+        std::uint32_t cp = n == 1 ? b : n == 2 ? b & 0x1f : n == 3 ? b & 0x0f : b & 0x07;
+        for (std::size_t k = 1; k < n; ++k) {
+            const auto c = i + k < bytes.size() ? static_cast<unsigned char>(bytes[i + k]) : 0;
+            if ((c & 0xc0) != 0x80) n = 0;
+            else cp = cp << 6 | (c & 0x3f);
+        }
+        static constexpr std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+        const bool valid = n > 0 && cp >= kMin[n] && cp <= 0x10ffff && !(cp >= 0xd800 && cp <= 0xdfff) &&
+                           (cp >= 0x20 || cp == '\t' || cp == '\n' || cp == '\r') && cp != 0xfffe && cp != 0xffff;
+        if (valid) {
+            out.append(bytes.substr(i, n));
+            i += n;
+        } else {
+            out += "\xef\xbf\xbd";
+            ++i;
+        }
+    }
+    return out;
+}
+
 // The appliance, in the daemon's own model.
 Tree platform_data(const PlatformReading& platform) {
     ly_ctx* ctx = g_service->context;
@@ -330,7 +477,7 @@ Tree platform_data(const PlatformReading& platform) {
     if (lyd_new_inner(nullptr, module, "appliance", 0, &top) != LY_SUCCESS) throw std::bad_alloc();
     Tree tree(top);
     const auto leaf = [&](lyd_node* parent, const char* name, const std::string& value) {
-        if (lyd_new_term(parent, module, name, value.c_str(), 0, nullptr) != LY_SUCCESS)
+        if (lyd_new_term(parent, module, name, xml_text(value).c_str(), 0, nullptr) != LY_SUCCESS)
             throw std::runtime_error(std::string("cannot report ") + name);
     };
     static constexpr const char* kOps[] = {"add", "delete", "modify"};

@@ -264,6 +264,7 @@ public:
             admit(nc_ps_accept_ssh_channel(ps_, &channel), channel, detail::Transport::Ssh);
         }
         if (session) service_.sessions.count(session, result);
+        service_.datastore.release_memory();
         if ((result & NC_PSPOLL_SESSION_TERM) && session) {
             std::lock_guard lock(end_mutex_);
             service_.sessions.remove(session);

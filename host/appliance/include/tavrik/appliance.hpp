@@ -224,6 +224,10 @@ public:
     int execute(const runtime::CachedLine& line, unsigned cmd_op);
 
     const Configuration& configuration() const { return config_; }
+    // The lines (with their command op) that build this configuration on an
+    // empty appliance, each accepted by execute(): the configuration as
+    // bytes, exactly, where its XML text cannot carry every byte a line can.
+    std::vector<std::pair<runtime::CachedLine, unsigned>> command_lines() const;
     std::string running_config_xml() const { return render_configuration(config_); }
     std::string state_xml() const;
 

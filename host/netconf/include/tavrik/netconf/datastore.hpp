@@ -2,7 +2,8 @@
 // (the engine that drives the configuration module, and the embedded
 // simulated appliance the module talks to), the candidate configuration
 // that is committed to it, the startup configuration, their locks, a
-// pending confirmed commit, and the snapshot on disk that lets a restarted
+// pending confirmed commit, and the state on disk (a snapshot and a journal
+// of the commits since) that lets a restarted
 // daemon continue with the last committed configuration and the appliance
 // that goes with it.
 //
@@ -162,8 +163,9 @@ public:
     // stopped is rolled back, then the startup configuration becomes the
     // running one when options.boot_from_startup asks for it (a refusal of
     // either keeps the running configuration, and is logged). Throws
-    // DatastoreError (or engine::EngineError) when the files cannot be read;
-    // nothing on disk is touched then.
+    // DatastoreError (or engine::EngineError) naming the file and offset of
+    // what cannot be read or applied (a torn last journal record is cut off,
+    // with a warning on stderr); the files are left as they are then.
     explicit Datastore(const DatastoreOptions& options);
     ~Datastore();
     Datastore(const Datastore&) = delete;
@@ -219,6 +221,11 @@ public:
     std::vector<DatastoreStatus> datastores() const;
 
     const std::string& model_name() const;
+
+    // Returns freed memory to the system after a call that did much work
+    // (a large edit or read); cheap otherwise. The server calls it once a
+    // reply is out, when the memory of the reply is freed too.
+    void release_memory();
 
 private:
     struct Impl;

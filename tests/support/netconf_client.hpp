@@ -157,6 +157,10 @@ public:
     // Waits for the --stdio process to exit; its status.
     int wait_stdio();
 
+    // The program run (default: tkav-netconfd of this build).
+    void set_program(std::string path) { program_ = std::move(path); }
+    pid_t pid() const { return pid_; }
+
     const std::string& state_dir() const { return dir_; }
     std::string socket_path() const { return dir_ + "/netconf.sock"; }
     std::unique_ptr<Client> connect() const { return Client::unix_socket(socket_path()); }
@@ -165,6 +169,7 @@ public:
 private:
     std::vector<std::string> command(const std::vector<std::string>& extra) const;
     bool stdio_pipes(const std::vector<std::string>& extra, int& from_daemon, int& to_daemon);
+    std::string program_ = TKAV_NETCONFD;
     std::string dir_;
     bool owns_dir_ = true;
     std::string pid_file_;

@@ -69,10 +69,12 @@ protected:
         engine_.reset();
         tavrik::runtime::reset();
     }
-    // A fresh engine whose running configuration is `running`; the platform
-    // has received nothing yet.
-    Engine& start(const std::string& running = "") {
-        engine_ = std::make_unique<Engine>(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, running);
+    // A fresh engine whose running configuration is `running`, serving the
+    // data modules named beside the model; the platform has received
+    // nothing yet.
+    Engine& start(const std::string& running = "", const std::vector<std::string>& data_modules = {}) {
+        engine_ = std::make_unique<Engine>(
+            tavrik::engine::EngineOptions{TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, running, nullptr, data_modules});
         tavrik::runtime::default_platform().deliveries.clear();
         return *engine_;
     }
@@ -89,10 +91,10 @@ private:
 // from the same running configuration.
 class ApplianceTest : public EngineTest {
 protected:
-    Engine& start_with_appliance(const std::string& running) {
+    Engine& start_with_appliance(const std::string& running, const std::vector<std::string>& data_modules = {}) {
         appliance = tavrik::appliance::Appliance(tavrik::appliance::parse_configuration(running));
         tavrik::runtime::set_platform(&appliance);
-        Engine& engine = start(running);
+        Engine& engine = start(running, data_modules);
         engine.set_vsys_feature(&appliance);
         return engine;
     }

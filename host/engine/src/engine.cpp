@@ -226,6 +226,14 @@ std::optional<RpcError> Engine::Impl::parse_config(std::string_view xml, Tree& t
 // implicit nodes.
 std::optional<RpcError> Engine::Impl::validate(Tree& tree, const std::vector<const lys_module*>& modules) const {
     QuietLibyang quiet;
+    // libyang 2.1's union type ends the calling thread's quiet (it sets the
+    // temporary options to none when it has validated a value), so that
+    // the errors found after it would be printed: for the validation, the
+    // process-wide options are quiet too.
+    struct GlobalQuiet {
+        uint32_t previous = ly_log_options(LY_LOSTORE_LAST);
+        ~GlobalQuiet() { ly_log_options(previous); }
+    } global_quiet;
     lyd_node* first = tree.release();
     LY_ERR err = LY_SUCCESS;
     for (size_t i = 0; i < modules.size() && err == LY_SUCCESS; ++i)

@@ -218,7 +218,10 @@ TEST_F(DataModules, CandidatesAndWholeConfigurationsHoldThem) {
     EXPECT_EQ(applied.validated_whole, kNacm);
     auto bad = engine.parse(nacm(rule(leaf("path", "/"))));
     const std::string edited = print_all(candidate.get());
-    EXPECT_FALSE(engine.apply(candidate, bad.tree.get()).ok);
+    const auto refused = engine.apply(candidate, bad.tree.get());
+    ASSERT_FALSE(refused.ok);
+    EXPECT_EQ(refused.error->tag, ErrorTag::InvalidValue);
+    EXPECT_EQ(refused.error->path, kNacmPath + "/rule-list/rule/action");  // missing: its schema path
     EXPECT_EQ(print_all(candidate.get()), edited);
 
     const auto committed = engine.replace_running(std::move(candidate));

@@ -138,7 +138,8 @@ Datastore::Datastore(const DatastoreOptions& options) : impl_(std::make_unique<I
         }
     }
     runtime::set_platform(&impl_->platform);
-    impl_->engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
+    impl_->engine = std::make_unique<engine::Engine>(
+        engine::EngineOptions{options.module_path, options.yang_dir, running, options.context, options.data_modules});
     impl_->engine->set_vsys_feature(&impl_->platform);
     impl_->committed = std::move(running);
 }
@@ -153,6 +154,7 @@ std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest
     engine::EditOptions options;
     options.default_operation = request.default_operation;
     options.dry_run = request.test_option == TestOption::TestOnly;
+    options.complete = request.complete;
     engine::EditResult result = impl_->engine->edit(request.config, options);
     if (!result.ok) return result.error;
     if (options.dry_run) return std::nullopt;
@@ -172,6 +174,7 @@ std::optional<RpcError> Datastore::validate(const lyd_node* config) {
     engine::EditOptions options;
     options.default_operation = engine::DefaultOperation::Replace;
     options.dry_run = true;
+    options.complete = true;
     engine::EditResult result = impl_->engine->edit(config, options);
     return result.error;
 }

@@ -52,7 +52,7 @@ int main(int argc, char* argv[]) {
         // the edits; it outlives both.
         const std::unique_ptr<ly_ctx, void (*)(ly_ctx*)> context(build_context(options), ly_ctx_destroy);
         Datastore datastore(DatastoreOptions{options.module_path, options.yang_dir, options.state_dir,
-                                             options.sync_writes, context.get()});
+                                             options.sync_writes, context.get(), data_modules()});
         Server server(options, datastore);
         g_server = &server;
         struct sigaction action {};

@@ -390,13 +390,14 @@ const lyd_node* config_tree(const lyd_node* any, engine::ParsedXml& owned) {
     return owned.tree.get();
 }
 
-// Applies an inline <config> to the running configuration.
+// Applies an inline <config> to the running configuration; `complete`: as
+// the whole new configuration.
 nc_server_reply* edit_with(const lyd_node* config, std::uint32_t sid, engine::DefaultOperation default_operation,
-                           TestOption test) {
+                           TestOption test, bool complete = false) {
     engine::ParsedXml owned;
     const lyd_node* tree = config_tree(config, owned);
     if (owned.error) return error_reply(*owned.error);
-    return edit_reply(g_service->datastore.edit(sid, EditRequest{tree, default_operation, test}));
+    return edit_reply(g_service->datastore.edit(sid, EditRequest{tree, default_operation, test, complete}));
 }
 
 nc_server_reply* op_edit_config(lyd_node* rpc, nc_session* session) {
@@ -417,7 +418,7 @@ nc_server_reply* op_copy_config(lyd_node* rpc, nc_session* session) {
         nc_server_reply* error = nullptr;
         const lyd_node* config = config_source(rpc, running, error);
         if (!config) return running ? nc_server_reply_ok() : error;
-        return edit_with(config, sid, engine::DefaultOperation::Replace, TestOption::TestThenSet);
+        return edit_with(config, sid, engine::DefaultOperation::Replace, TestOption::TestThenSet, true);
     });
 }
 

@@ -35,6 +35,9 @@ struct DatastoreOptions {
     // loaded into it when missing); it outlives the datastore. Null: the
     // engine makes its own.
     ly_ctx* context = nullptr;
+    // YANG modules whose configuration is kept beside the model's as plain
+    // data (engine::EngineOptions::data_modules).
+    std::vector<std::string> data_modules = {};
 };
 
 enum class TestOption { TestThenSet, Set, TestOnly };
@@ -43,6 +46,7 @@ struct EditRequest {
     const lyd_node* config = nullptr;  // content of <config> as libyang parsed it, in context(); null: empty
     engine::DefaultOperation default_operation = engine::DefaultOperation::Merge;
     TestOption test_option = TestOption::TestThenSet;
+    bool complete = false;  // a whole configuration (copy-config): what it does not name goes
 };
 
 // A command line as the appliance received it.

@@ -8,11 +8,6 @@
 namespace tktest {
 namespace {
 
-using tavrik::engine::ChangeKind;
-using tavrik::engine::ChangeView;
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
 
 const std::vector<std::string> kNacm = {"ietf-netconf-acm"};

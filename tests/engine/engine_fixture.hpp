@@ -17,12 +17,16 @@
 
 namespace tktest {
 
+using tavrik::engine::ChangeKind;
+using tavrik::engine::ChangeView;
 using tavrik::engine::DefaultOperation;
 using tavrik::engine::EditOptions;
 using tavrik::engine::Engine;
 using tavrik::engine::ErrorTag;
 using tavrik::engine::RpcError;
 using tavrik::engine::SentLine;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 inline constexpr const char* kNetconfNs = "urn:ietf:params:xml:ns:netconf:base:1.0";
 

@@ -82,8 +82,9 @@ std::vector<const lys_module*> AppliedEdit::modules() const {
     std::vector<const lys_module*> modules;
     for (int own : touches_[0].children) {
         const Touch& t = touches_[own];
+        if (!t.alive) continue;  // taken back: its node is gone
         const lys_module* module = (t.node ? t.node : t.old)->schema->module;
-        if (t.alive && std::find(modules.begin(), modules.end(), module) == modules.end()) modules.push_back(module);
+        if (std::find(modules.begin(), modules.end(), module) == modules.end()) modules.push_back(module);
     }
     return modules;
 }

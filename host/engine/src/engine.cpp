@@ -76,14 +76,21 @@ void replace_data(Tree& tree, const lys_module* module, Tree data) {
 // they take the place of that data once the edit stays.
 class Validated {
 public:
-    void add(const lys_module* module, Tree copy) { copies_.emplace_back(module, std::move(copy)); }
+    // `module`'s data (null: the whole configuration, of the modules named).
+    void add(const lys_module* module, Tree copy, std::vector<std::string> modules = {}) {
+        if (module) modules.push_back(module->name);
+        names.insert(names.end(), modules.begin(), modules.end());
+        copies_.emplace_back(module, std::move(copy));
+    }
     void install(Tree& tree) {
         for (auto& [module, copy] : copies_) replace_data(tree, module, std::move(copy));
         copies_.clear();
     }
 
+    std::vector<std::string> names;  // the modules validated whole
+
 private:
-    std::vector<std::pair<const lys_module*, Tree>> copies_;  // module null: the whole configuration
+    std::vector<std::pair<const lys_module*, Tree>> copies_;
 };
 
 std::string in_quotes(const std::string& text) { return "\"" + text + "\""; }
@@ -194,8 +201,8 @@ struct Engine::Impl {
     std::optional<RpcError> parse_config(std::string_view xml, Tree& tree) const;
     std::optional<RpcError> validate(Tree& tree, const std::vector<const lys_module*>& modules) const;
     std::optional<RpcError> validate_whole(Tree& tree) const;
-    std::optional<RpcError> validate_changed(const Tree& tree, const AppliedEdit& applied, Validated& validated,
-                                             std::vector<std::string>& names) const;
+    std::optional<RpcError> validate_changed(const Tree& tree, const AppliedEdit& applied,
+                                             Validated& validated) const;
     std::vector<std::string> served_names() const;
     EditResult commit(Tree config, const EditOptions& options);
     EditResult run(ChangeSet& changes, const EditOptions& options);
@@ -260,13 +267,12 @@ std::optional<RpcError> Engine::Impl::validate_whole(Tree& tree) const {
 // The data modules the edit changed whose constraints reach beyond the
 // changed entries: their data validated whole, on a copy.
 std::optional<RpcError> Engine::Impl::validate_changed(const Tree& tree, const AppliedEdit& applied,
-                                                       Validated& validated, std::vector<std::string>& names) const {
+                                                       Validated& validated) const {
     for (const lys_module* module : applied.modules()) {
         if (module == model.module() || model.served(module)->nonlocal.empty()) continue;
         Tree copy = copy_of(tree.get(), module);
         if (auto error = validate(copy, {module})) return error;
         validated.add(module, std::move(copy));
-        names.push_back(module->name);
     }
     return std::nullopt;
 }
@@ -417,12 +423,11 @@ EditResult Engine::edit(const lyd_node* config, const EditOptions& options) {
     AppliedEdit applied(impl.model, impl.running);
     if (auto error = applied.apply(config, options.default_operation, options.complete)) return failed(*error);
     Validated validated;
-    std::vector<std::string> names;
-    if (auto error = impl.validate_changed(impl.running, applied, validated, names)) return failed(*error);
+    if (auto error = impl.validate_changed(impl.running, applied, validated)) return failed(*error);
     ChangeSet changes(impl.model);
     applied.describe(changes);
     EditResult result = impl.run(changes, options);
-    result.validated_whole = std::move(names);
+    result.validated_whole = validated.names;
     if (result.ok && !options.test_only && !options.dry_run) {
         applied.keep();
         validated.install(impl.running);
@@ -439,18 +444,16 @@ EditResult Engine::apply(DataTree& tree, const lyd_node* edit, DefaultOperation 
     AppliedEdit applied(impl.model, tree);
     if (auto error = applied.apply(edit, default_operation)) return failed(*error);
     Validated validated;
-    std::vector<std::string> names;
     if (!impl.model.nonlocal().empty()) {
         Tree whole = copy_of(tree.get(), nullptr);
         if (auto error = impl.validate_whole(whole)) return failed(*error);
-        validated.add(nullptr, std::move(whole));
-        names = impl.served_names();
-    } else if (auto error = impl.validate_changed(tree, applied, validated, names)) {
+        validated.add(nullptr, std::move(whole), impl.served_names());
+    } else if (auto error = impl.validate_changed(tree, applied, validated)) {
         return failed(*error);
     }
     ChangeSet changes(impl.model);
     applied.describe(changes);
-    EditResult result{true, {}, std::nullopt, topmost(changes), std::move(names)};
+    EditResult result{true, {}, std::nullopt, topmost(changes), validated.names};
     applied.keep();
     validated.install(tree);
     return result;

@@ -44,7 +44,7 @@ protected:
     // the default operation none.
     tavrik::engine::EditResult edit_towards(const std::string& config) {
         tavrik::engine::ParsedXml target = engine->parse(config);
-        if (target.error) return {false, {}, target.error, {}};
+        if (target.error) return {false, {}, target.error, {}, {}};
         lyd_node* diff = nullptr;
         if (lyd_diff_siblings(engine->running_tree(), target.tree.get(), 0, &diff) != LY_SUCCESS) return {};
         tavrik::engine::DataTree edit(diff);

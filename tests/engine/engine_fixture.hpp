@@ -17,12 +17,16 @@
 
 namespace tktest {
 
+using tavrik::engine::ChangeKind;
+using tavrik::engine::ChangeView;
 using tavrik::engine::DefaultOperation;
 using tavrik::engine::EditOptions;
 using tavrik::engine::Engine;
 using tavrik::engine::ErrorTag;
 using tavrik::engine::RpcError;
 using tavrik::engine::SentLine;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
 
 inline constexpr const char* kNetconfNs = "urn:ietf:params:xml:ns:netconf:base:1.0";
 
@@ -69,10 +73,12 @@ protected:
         engine_.reset();
         tavrik::runtime::reset();
     }
-    // A fresh engine whose running configuration is `running`; the platform
-    // has received nothing yet.
-    Engine& start(const std::string& running = "") {
-        engine_ = std::make_unique<Engine>(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, running);
+    // A fresh engine whose running configuration is `running`, serving the
+    // data modules named beside the model; the platform has received
+    // nothing yet.
+    Engine& start(const std::string& running = "", const std::vector<std::string>& data_modules = {}) {
+        engine_ = std::make_unique<Engine>(
+            tavrik::engine::EngineOptions{TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, running, nullptr, data_modules});
         tavrik::runtime::default_platform().deliveries.clear();
         return *engine_;
     }
@@ -89,10 +95,10 @@ private:
 // from the same running configuration.
 class ApplianceTest : public EngineTest {
 protected:
-    Engine& start_with_appliance(const std::string& running) {
+    Engine& start_with_appliance(const std::string& running, const std::vector<std::string>& data_modules = {}) {
         appliance = tavrik::appliance::Appliance(tavrik::appliance::parse_configuration(running));
         tavrik::runtime::set_platform(&appliance);
-        Engine& engine = start(running);
+        Engine& engine = start(running, data_modules);
         engine.set_vsys_feature(&appliance);
         return engine;
     }

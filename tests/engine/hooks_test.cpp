@@ -13,11 +13,6 @@
 namespace tktest {
 namespace {
 
-using tavrik::engine::ChangeKind;
-using tavrik::engine::ChangeView;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
-
 std::string desc(const std::string& text) { return leaf("description", text); }
 std::string ids(std::initializer_list<const char*> values) {
     std::string out;

@@ -39,6 +39,7 @@ NS = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus"
 DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
 NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
+NACM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-acm"
 PROFILE_PATH = ("/tavrik-antivirus:antivirus/tavrik-antivirus:vsys[tavrik-antivirus:name='vs1']"
                 "/tavrik-antivirus:profiles/tavrik-antivirus:profile[tavrik-antivirus:name='p1']/")
 
@@ -47,8 +48,28 @@ SLOW = 1  # how much longer things take: 10 under valgrind
 EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
 
 
-def config(body):
-    return f'<config xmlns="{NC_NS}"><antivirus xmlns="{NS}">{body}</antivirus></config>'
+def config(body, more=""):
+    """<config> with <antivirus> and `more` top-level elements."""
+    return f'<config xmlns="{NC_NS}"><antivirus xmlns="{NS}">{body}</antivirus>{more}</config>'
+
+
+def nacm(body, attributes=""):
+    return f'<nacm xmlns="{NACM_NS}" xmlns:nc="{NC_NS}"{attributes}>{body}</nacm>'
+
+
+def rule(name, body):
+    return f"<rule><name>{name}</name>{body}</rule>"
+
+
+# User oper (and audit) may read everything and change nothing.
+READ_ONLY = ("<groups><group><name>operators</name><user-name>oper</user-name><user-name>audit</user-name>"
+             "</group></groups><rule-list><name>read-only</name><group>operators</group>"
+             + rule("read-all", "<module-name>*</module-name><access-operations>read</access-operations>"
+                                "<action>permit</action>")
+             + rule("no-writes", f'<module-name>tavrik-antivirus</module-name><path xmlns:av="{NS}">/av:antivirus</path>'
+
+                                 "<access-operations>create update delete</access-operations><action>deny</action>")
+             + "</rule-list>")
 
 
 def profile(body, attributes=""):
@@ -221,6 +242,15 @@ class NcclientTest(unittest.TestCase):
     def appliance_configuration(self):
         return texts(self.appliance(), "running-configuration")[0]
 
+    def nacm(self, **options):
+        return self.m.get_config(source="running", filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>'),
+                                 **options).data_ele
+
+    def write_nacm(self, body):
+        self.m.edit_config(target="running", config=config("", nacm(body)))
+        self.addCleanup(lambda: self.m.edit_config(target="running",
+                                                   config=config("", nacm("", ' nc:operation="remove"'))))
+
     def test_hello_lists_the_model(self):
         capabilities = list(self.m.server_capabilities)
         self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus") for c in capabilities), capabilities)
@@ -288,6 +318,48 @@ class NcclientTest(unittest.TestCase):
         self.assertEqual(self.running(), running)
         self.assertEqual(self.appliance_configuration(), appliance)
         self.assertEqual(texts(self.appliance(), "lines-received"), received)
+
+    def test_nacm_configuration_is_written_and_read_back(self):
+        self.write_nacm(READ_ONLY + "<read-default>deny</read-default>")
+        for data in (self.nacm(), self.m.get(filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>')).data_ele):
+            self.assertEqual(texts(data, "user-name"), ["oper", "audit"])
+            self.assertEqual(texts(data, "name"), ["operators", "read-only", "read-all", "no-writes"])
+            self.assertEqual(texts(data, "access-operations"), ["read", "create update delete"])
+            self.assertEqual(texts(data, "path")[0].split(":")[-1], "antivirus")
+            self.assertEqual(texts(data, "read-default"), ["deny"])
+            self.assertEqual(texts(data, "write-default"), [])  # a default, not configured
+        everything = self.nacm(with_defaults="report-all")
+        self.assertEqual(texts(everything, "write-default"), ["deny"])
+        self.assertEqual(texts(everything, "enable-nacm"), ["true"])
+
+        # copy-config replaces everything, /nacm included; what it leaves out goes.
+        copy = ("<copy-config xmlns='{0}'><target><running/></target><source>{1}</source></copy-config>")
+        self.m.dispatch(to_ele(copy.format(NC_NS, profile("<name>p1</name>", ""),)))
+        self.assertEqual(texts(self.nacm(), "user-name"), [])
+        self.assertEqual(texts(self.running(), "name"), ["vs1", "p1"])
+        self.m.dispatch(to_ele(copy.format(NC_NS, config("", nacm(READ_ONLY)))))
+        self.assertEqual(texts(self.nacm(), "user-name"), ["oper", "audit"])
+        self.assertEqual(texts(self.running(), "profile"), [])
+
+    def test_malformed_nacm_data_is_refused_and_changes_nothing(self):
+        self.write_nacm(READ_ONLY)
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        running, received = self.running(), texts(self.appliance(), "lines-received")
+        rule_list = "<rule-list><name>read-only</name>{}</rule-list>"
+        for body, tag in ((rule_list.format(rule("r2", "<access-operations>read fly</access-operations>"
+                                                       "<action>permit</action>")), "invalid-value"),
+                          (rule_list.format("<rule><action>permit</action></rule>"), "missing-element"),
+                          (rule_list.format(rule("r2", "<rpc-name>lock</rpc-name>")), "invalid-value"),
+                          ("<enable-nacm>sometimes</enable-nacm>", "invalid-value")):
+            with self.subTest(body=body), self.assertRaises(RPCError) as caught:
+                self.m.edit_config(target="running", config=config(
+                    "<vsys><name>vs1</name><antivirus-enable>true</antivirus-enable></vsys>", nacm(body)))
+            self.assertEqual(caught.exception.tag, tag)
+            self.assertTrue((caught.exception.path or "").startswith("/ietf-netconf-acm:nacm"),
+                            (caught.exception.path, caught.exception.message))
+            self.assertTrue(caught.exception.message)
+            self.assertEqual(self.running(), running)
+            self.assertEqual(texts(self.appliance(), "lines-received"), received)
 
     def test_xpath_filters_with_prefixes_of_the_clients_choosing(self):
         self.m.edit_config(target="running", config=config(
@@ -553,6 +625,7 @@ class NcclientTest(unittest.TestCase):
 
     def test_zz_restart_keeps_the_configuration(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
+        self.write_nacm(READ_ONLY)
         running, appliance = self.running(), self.appliance_configuration()
         self.m.close_session()
         self.m = self.daemon.connect()  # still connected when the daemon stops

@@ -12,7 +12,7 @@ namespace tktest {
 inline tavrik::engine::EditResult edit_text(tavrik::engine::Engine& engine, std::string_view xml,
                                             const tavrik::engine::EditOptions& options = {}) {
     tavrik::engine::ParsedXml parsed = engine.parse(xml);
-    if (parsed.error) return {false, {}, std::move(parsed.error), {}};
+    if (parsed.error) return {false, {}, std::move(parsed.error), {}, {}};
     return engine.edit(parsed.tree.get(), options);
 }
 

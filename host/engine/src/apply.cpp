@@ -35,6 +35,15 @@ std::uint64_t removal_key(int parent, const lyd_node* node) {
     return (static_cast<std::uint64_t>(static_cast<std::uint32_t>(parent)) << 32) | node->hash;
 }
 
+// The cases of the choices `schema` is in, below its data parent.
+std::vector<const lysc_node*> cases_of(const lysc_node* schema) {
+    std::vector<const lysc_node*> cases;
+    const lysc_node* data_parent = lysc_data_parent(schema);
+    for (const lysc_node* s = schema->parent; s && s != data_parent; s = s->parent)
+        if (s->nodetype == LYS_CASE) cases.push_back(s);
+    return cases;
+}
+
 void tag(lyd_node* node, int touch) { node->priv = reinterpret_cast<void*>(static_cast<std::uintptr_t>(touch) + 1); }
 void untag(lyd_node* node) { node->priv = nullptr; }
 
@@ -50,17 +59,34 @@ AppliedEdit::~AppliedEdit() {
 
 // ---- the edit ---------------------------------------------------------------
 
-std::optional<RpcError> AppliedEdit::apply(const lyd_node* edit, DefaultOperation default_operation) {
-    if (!edit) return std::nullopt;
-    if (LYD_CTX(edit) != model_.context())
+std::optional<RpcError> AppliedEdit::apply(const lyd_node* edit, DefaultOperation default_operation, bool complete) {
+    if (edit && LYD_CTX(edit) != model_.context())
         return RpcError(ErrorType::Application, ErrorTag::OperationFailed,
                         "The edit was parsed in another schema context than the engine's.");
     const Op op = default_operation == DefaultOperation::Replace ? Op::Replace
                   : default_operation == DefaultOperation::None  ? Op::None
                                                                  : Op::Merge;
     QuietLibyang quiet;
-    apply_siblings(lyd_first_sibling(edit), nullptr, 0, op, false);
+    if (edit && !apply_siblings(lyd_first_sibling(edit), nullptr, 0, op, false)) return error_;
+    if (complete) {
+        // What the edit did not reach is not in the new configuration.
+        std::vector<lyd_node*> unnamed;
+        for (lyd_node* node = tree_.get(); node; node = node->next)
+            if (touch_of(node) < 0 && present(node)) unnamed.push_back(node);
+        for (lyd_node* node : unnamed) remove(node, 0, false);
+    }
     return error_;
+}
+
+std::vector<const lys_module*> AppliedEdit::modules() const {
+    std::vector<const lys_module*> modules;
+    for (int own : touches_[0].children) {
+        const Touch& t = touches_[own];
+        if (!t.alive) continue;  // taken back: its node is gone
+        const lys_module* module = (t.node ? t.node : t.old)->schema->module;
+        if (std::find(modules.begin(), modules.end(), module) == modules.end()) modules.push_back(module);
+    }
+    return modules;
 }
 
 bool AppliedEdit::apply_siblings(const lyd_node* first, lyd_node* parent, int touch, Op inherited, bool fresh) {
@@ -79,6 +105,12 @@ bool AppliedEdit::apply_node(const lyd_node* e, lyd_node* parent, int touch, Op 
     const lysc_node* schema = schema_of(e, parent, op);
     if (!schema) return false;
     lyd_node* target = find(e, parent, schema);
+    if (target && is_term(schema) && (target->flags & LYD_DEFAULT)) {
+        // An implicit default is not configured: a value set takes its
+        // place, and there is nothing to delete.
+        if (op == Op::Merge || op == Op::Replace || op == Op::Create) remove(target, touch, fresh);
+        target = nullptr;
+    }
     // A non-presence container exists while something in it is configured.
     const bool exists = target && present(target);
     switch (op) {
@@ -129,6 +161,7 @@ bool AppliedEdit::create(const lyd_node* e, lyd_node* parent, int touch, Op op, 
             own = add_touch(Kind::Created, touch, node);
         }
         steps_.push_back(Step{StepKind::Free, own, node});
+        remove_other_cases(node, parent, touch);
     }
     if (!node->schema || is_term(node->schema)) return true;
     return apply_siblings(lyd_child(e), node, own, op, true);
@@ -204,10 +237,30 @@ void AppliedEdit::remove(lyd_node* target, int touch, bool fresh) {
     steps_.push_back(Step{StepKind::Reattach, own, target, parent, next});
 }
 
+// A node created in one case of a choice removes what is configured in the
+// other cases (what this edit created there stays, for the model to refuse).
+void AppliedEdit::remove_other_cases(lyd_node* node, lyd_node* parent, int touch) {
+    const std::vector<const lysc_node*> cases = cases_of(node->schema);
+    if (cases.empty()) return;
+    const auto other_case = [&](const lyd_node* sibling) {
+        if (sibling == node || !sibling->schema) return false;
+        for (const lysc_node* c : cases_of(sibling->schema))
+            for (const lysc_node* mine : cases)
+                if (c != mine && c->parent == mine->parent) return true;
+        return false;
+    };
+    std::vector<lyd_node*> others;
+    for (lyd_node* sibling = parent ? lyd_child(parent) : tree_.get(); sibling; sibling = sibling->next) {
+        const int own = touch_of(sibling);
+        const bool created = own >= 0 && (touches_[own].kind == Kind::Created || touches_[own].kind == Kind::Replaced);
+        if (!created && other_case(sibling)) others.push_back(sibling);
+    }
+    for (lyd_node* other : others) remove(other, touch, false);
+}
+
 // ---- edit nodes ---------------------------------------------------------------
 
 const lysc_node* AppliedEdit::schema_of(const lyd_node* e, const lyd_node* parent, Op op) {
-    const lys_module* model = model_.module();
     const std::string name = LYD_NAME(e);
     const auto refuse = [&](ErrorTag tag, std::string message) -> const lysc_node* {
         fail(error_at(e, tag, std::move(message)));
@@ -215,17 +268,16 @@ const lysc_node* AppliedEdit::schema_of(const lyd_node* e, const lyd_node* paren
     };
     const lysc_node* schema = e->schema;
     if (!schema) {
-        const char* ns = reinterpret_cast<const lyd_node_opaq*>(e)->name.module_ns;
-        if (ns && std::strcmp(ns, model->ns) == 0)
-            schema = lys_find_child(parent ? parent->schema : nullptr, model, name.c_str(), 0, 0, 0);
-        if (!schema && ns && std::strcmp(ns, model->ns) == 0)
-            return refuse(ErrorTag::UnknownElement, "Unknown element " + quoted(name) + " " +
-                                                        (parent ? "in " + quoted(LYD_NAME(parent)) : "at the top level") +
-                                                        ".");
+        if (const Model::Served* served = model_.served_ns(reinterpret_cast<const lyd_node_opaq*>(e)->name.module_ns)) {
+            schema = lys_find_child(parent ? parent->schema : nullptr, served->module, name.c_str(), 0, 0, 0);
+            if (!schema)
+                return refuse(ErrorTag::UnknownElement,
+                              "Unknown element " + quoted(name) + " " +
+                                  (parent ? "in " + quoted(LYD_NAME(parent)) : "at the top level") + ".");
+        }
     }
-    if (!schema || schema->module != model)
-        return refuse(ErrorTag::UnknownElement, "Element " + quoted(name) + " is not in the namespace of " +
-                                                    model->name + " (" + model->ns + ").");
+    if (!schema || !model_.served(schema->module))
+        return refuse(ErrorTag::UnknownElement, model_.foreign(name));
     if (!(schema->flags & LYS_CONFIG_W))
         return refuse(ErrorTag::InvalidValue, quoted(name) + " is state data; it cannot be configured.");
     if (e->schema) return schema;

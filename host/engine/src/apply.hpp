@@ -32,9 +32,14 @@ public:
     AppliedEdit(const AppliedEdit&) = delete;
     AppliedEdit& operator=(const AppliedEdit&) = delete;
 
-    // Applies the edit whose first top-level node is `edit` (null: none).
-    // After an error the tree is partly edited: undo().
-    std::optional<RpcError> apply(const lyd_node* edit, DefaultOperation default_operation);
+    // Applies the edit whose first top-level node is `edit` (null: none);
+    // `complete`: the edit is a whole configuration, and the configured
+    // top-level nodes it does not name go. After an error the tree is
+    // partly edited: undo().
+    std::optional<RpcError> apply(const lyd_node* edit, DefaultOperation default_operation, bool complete = false);
+
+    // The modules whose data the edit changed or reached (after apply()).
+    std::vector<const lys_module*> modules() const;
 
     // Adds what the edit changed to `changes` (once, after apply()).
     void describe(ChangeSet& changes);
@@ -71,6 +76,7 @@ private:
     bool change_value(const lyd_node* e, lyd_node* leaf, int touch, bool fresh);
     bool none_on_missing(const lyd_node* e, lyd_node* parent, int touch, bool fresh);
     void remove(lyd_node* target, int touch, bool fresh);
+    void remove_other_cases(lyd_node* node, lyd_node* parent, int touch);
 
     const lysc_node* schema_of(const lyd_node* e, const lyd_node* parent, Op op);
     const lysc_node* unusable(const lyd_node* e, const lysc_node* schema);

@@ -98,12 +98,18 @@ void ChangeSet::detached(const lyd_node* root, const lyd_node* parent) { detache
 
 // ---- documents ------------------------------------------------------------------
 
+// Whether the module reads the change: one of its model's (the data
+// modules beside it have no callbacks).
+bool ChangeSet::rendered(const Change& change) const {
+    return lyd_owner_module(change.data[Old] ? change.data[Old] : change.data[New]) == model_.module();
+}
+
 // The old document is what the module reads of a removal, and of every
 // change on the way back: made when there is a removal, else by reverse().
 void ChangeSet::render() {
     render_side(New);
     for (const Change& change : changes_)
-        if (change.op & XMLDIFF_REM) return render_side(Old);
+        if ((change.op & XMLDIFF_REM) && rendered(change)) return render_side(Old);
 }
 
 void ChangeSet::render_side(Side side) {
@@ -115,7 +121,7 @@ void ChangeSet::render_side(Side side) {
     doc->dict = xmlDictCreate();  // element names are shared, not copied per node
     docs_[side].reset(doc);
     for (size_t i = 0; i < changes_.size(); ++i)
-        if (changes_[i].data[side]) render(side, i);
+        if (changes_[i].data[side] && rendered(changes_[i])) render(side, i);
     for (const Change& change : changes_) {
         tag(change.data[Old], 0);
         tag(change.data[New], 0);

@@ -41,8 +41,9 @@ struct Change {
 // The set is built by whoever knows what changed (an edit applied in place,
 // or the comparison of two whole configurations); render() then makes the
 // documents the module reads: for the configuration before and after, the
-// changed nodes, their ancestors and the leaves of every rendered element
-// (keys included), in document order.
+// changed nodes of the model, their ancestors and the leaves of every
+// rendered element (keys included), in document order. Changes of the data
+// modules beside the model are listed, never rendered.
 class ChangeSet {
 public:
     explicit ChangeSet(const Model& model) : model_(model) {}
@@ -90,6 +91,7 @@ public:
     void reverse(const std::vector<char>& undo);
 
 private:
+    bool rendered(const Change& change) const;
     void render_side(Side side);
     void render(Side side, size_t index);
     xmlNode* element(Side side, const lyd_node* node, const char* value, xmlNode* parent);

@@ -23,12 +23,75 @@ const std::string& namespace_of(const Module& module) {
     return module.namespaces().front().second;
 }
 
-std::string print(const lyd_node* tree) {
-    if (!tree) return {};
-    char* text = nullptr;
-    lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
-    return take_text(text);
+// The configured data of `tree` as XML text; only `module`'s when given.
+std::string print(const lyd_node* tree, const lys_module* module = nullptr) {
+    char* printed = nullptr;
+    if (!module) {
+        lyd_print_mem(&printed, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
+        return take_text(printed);
+    }
+    std::string text;
+    for (const lyd_node* node = tree; node; node = node->next) {
+        if (node->schema->module != module) continue;
+        lyd_print_mem(&printed, node, LYD_XML, 0);
+        text += take_text(printed);
+    }
+    return text;
 }
+
+// Copies of the top-level nodes of `module` in `tree` (of all when null),
+// their implicit nodes still implicit.
+Tree copy_of(const lyd_node* tree, const lys_module* module) {
+    lyd_node* copy = nullptr;
+    for (const lyd_node* node = tree; node; node = node->next) {
+        if (module && node->schema->module != module) continue;
+        lyd_node* dup = nullptr;
+        if (lyd_dup_single(node, nullptr, LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS, &dup) != LY_SUCCESS ||
+            lyd_insert_sibling(copy, dup, &copy) != LY_SUCCESS) {
+            lyd_free_all(dup);
+            lyd_free_all(copy);
+            throw std::bad_alloc();
+        }
+    }
+    return Tree(copy);
+}
+
+// Puts `data` in place of the top-level nodes of `module` in `tree` (of all
+// when null).
+void replace_data(Tree& tree, const lys_module* module, Tree data) {
+    lyd_node* first = tree.release();
+    for (lyd_node* node = first; node;) {
+        lyd_node* next = node->next;
+        if (!module || node->schema->module == module) {
+            if (node == first) first = next;
+            lyd_free_tree(node);
+        }
+        node = next;
+    }
+    if (data) lyd_insert_sibling(first, data.release(), &first);
+    tree.reset(first);
+}
+
+// Validated copies of served data, with libyang's implicit nodes (defaults):
+// they take the place of that data once the edit stays.
+class Validated {
+public:
+    // `module`'s data (null: the whole configuration, of the modules named).
+    void add(const lys_module* module, Tree copy, std::vector<std::string> modules = {}) {
+        if (module) modules.push_back(module->name);
+        names.insert(names.end(), modules.begin(), modules.end());
+        copies_.emplace_back(module, std::move(copy));
+    }
+    void install(Tree& tree) {
+        for (auto& [module, copy] : copies_) replace_data(tree, module, std::move(copy));
+        copies_.clear();
+    }
+
+    std::vector<std::string> names;  // the modules validated whole
+
+private:
+    std::vector<std::pair<const lys_module*, Tree>> copies_;
+};
 
 std::string in_quotes(const std::string& text) { return "\"" + text + "\""; }
 
@@ -40,7 +103,7 @@ std::string key_of(const lyd_node* entry) {
 }
 
 EditResult failed(RpcError error, std::vector<SentLine> lines = {}) {
-    return EditResult{false, std::move(lines), std::move(error), {}};
+    return EditResult{false, std::move(lines), std::move(error), {}, {}};
 }
 
 ChangeKind kind_of(int op) {
@@ -122,21 +185,25 @@ const lyd_node* ChangeView::node(size_t i) const { return changes_.changes()[ind
 std::string ChangeView::path(size_t i) const { return changes_.path(index_[i]); }
 
 struct Engine::Impl {
-    Impl(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml, ly_ctx* host)
-        : module(module_path),
-          model(yang_dir, namespace_of(module), host),
+    explicit Impl(const EngineOptions& options)
+        : module(options.module_path),
+          model(options.yang_dir, namespace_of(module), options.context, options.data_modules),
           table(module, model.context()),
           name(model.module()->name),
           ns(model.module()->ns) {
-        if (auto error = parse_config(running_xml, running))
+        if (auto error = parse_config(options.running_xml, running))
             throw EngineError("initial running configuration: " + describe(*error), error);
-        const std::string text = print(running.get());
+        const std::string text = print(running.get(), model.module());
         XmlDoc doc(xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, 0));
         module.init(doc.get());
     }
 
     std::optional<RpcError> parse_config(std::string_view xml, Tree& tree) const;
+    std::optional<RpcError> validate(Tree& tree, const std::vector<const lys_module*>& modules) const;
     std::optional<RpcError> validate_whole(Tree& tree) const;
+    std::optional<RpcError> validate_changed(const Tree& tree, const AppliedEdit& applied,
+                                             Validated& validated) const;
+    std::vector<std::string> served_names() const;
     EditResult commit(Tree config, const EditOptions& options);
     EditResult run(ChangeSet& changes, const EditOptions& options);
     RpcError refusal(const ChangeSet& changes, const CallFailure& failure, const runtime::CallRecord& record) const;
@@ -162,10 +229,22 @@ std::optional<RpcError> Engine::Impl::parse_config(std::string_view xml, Tree& t
     return validate_whole(tree);
 }
 
-std::optional<RpcError> Engine::Impl::validate_whole(Tree& tree) const {
+// Validates the data of `modules` in `tree` with libyang, which adds their
+// implicit nodes.
+std::optional<RpcError> Engine::Impl::validate(Tree& tree, const std::vector<const lys_module*>& modules) const {
     QuietLibyang quiet;
+    // libyang 2.1's union type ends the calling thread's quiet (it sets the
+    // temporary options to none when it has validated a value), so that
+    // the errors found after it would be printed: for the validation, the
+    // process-wide options are quiet too.
+    struct GlobalQuiet {
+        uint32_t previous = ly_log_options(LY_LOSTORE_LAST);
+        ~GlobalQuiet() { ly_log_options(previous); }
+    } global_quiet;
     lyd_node* first = tree.release();
-    const LY_ERR err = lyd_validate_all(&first, model.context(), LYD_VALIDATE_NO_STATE, nullptr);
+    LY_ERR err = LY_SUCCESS;
+    for (size_t i = 0; i < modules.size() && err == LY_SUCCESS; ++i)
+        err = lyd_validate_module(&first, modules[i], LYD_VALIDATE_NO_STATE, nullptr);
     tree.reset(first);
     if (err == LY_SUCCESS) return std::nullopt;
     RpcError error = libyang_error(model.context(), ErrorTag::InvalidValue);
@@ -175,11 +254,41 @@ std::optional<RpcError> Engine::Impl::validate_whole(Tree& tree) const {
     return error;
 }
 
+// A whole configuration: data of served modules only, valid.
+std::optional<RpcError> Engine::Impl::validate_whole(Tree& tree) const {
+    for (const lyd_node* node = tree.get(); node; node = node->next)
+        if (!node->schema || !model.served(node->schema->module))
+            return error_at(node, ErrorTag::UnknownElement, model.foreign(LYD_NAME(node)));
+    std::vector<const lys_module*> modules;
+    for (const Model::Served& served : model.served()) modules.push_back(served.module);
+    return validate(tree, modules);
+}
+
+// The data modules the edit changed whose constraints reach beyond the
+// changed entries: their data validated whole, on a copy.
+std::optional<RpcError> Engine::Impl::validate_changed(const Tree& tree, const AppliedEdit& applied,
+                                                       Validated& validated) const {
+    for (const lys_module* module : applied.modules()) {
+        if (module == model.module() || model.served(module)->nonlocal.empty()) continue;
+        Tree copy = copy_of(tree.get(), module);
+        if (auto error = validate(copy, {module})) return error;
+        validated.add(module, std::move(copy));
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> Engine::Impl::served_names() const {
+    std::vector<std::string> names;
+    for (const Model::Served& served : model.served()) names.push_back(served.module->name);
+    return names;
+}
+
 EditResult Engine::Impl::commit(Tree config, const EditOptions& options) {
     if (auto error = validate_whole(config)) return failed(*error);
     ChangeSet changes(model);
     changes.compare(running.get(), config.get(), -1);
     EditResult result = run(changes, options);
+    result.validated_whole = served_names();
     if (result.ok && !options.test_only && !options.dry_run) running = std::move(config);
     return result;
 }
@@ -188,7 +297,7 @@ EditResult Engine::Impl::commit(Tree config, const EditOptions& options) {
 EditResult Engine::Impl::run(ChangeSet& changes, const EditOptions& options) {
     if (options.check)
         if (auto error = options.check(ChangeView(changes))) return failed(std::move(*error));
-    if (options.test_only) return {true, {}, std::nullopt, topmost(changes)};
+    if (options.test_only) return {true, {}, std::nullopt, topmost(changes), {}};
 
     changes.render();
     EditSession session;
@@ -197,7 +306,7 @@ EditResult Engine::Impl::run(ChangeSet& changes, const EditOptions& options) {
     std::vector<Call> calls;
     if (auto failure = dispatch(table, changes, session.record, &calls))
         return failed(refusal(changes, *failure, session.record));
-    if (options.dry_run) return {true, lines_of(session.record, false), std::nullopt, topmost(changes)};
+    if (options.dry_run) return {true, lines_of(session.record, false), std::nullopt, topmost(changes), {}};
 
     // Every callback accepted: the messages go out in order.
     const size_t refused = session.deliver();
@@ -226,7 +335,7 @@ EditResult Engine::Impl::run(ChangeSet& changes, const EditOptions& options) {
                 " Restoring the platform failed as well: " + refusal(changes, *undo, session.record).message;
         return failed(std::move(*error), lines_of(session.record, true));
     }
-    return {true, lines_of(session.record, true), std::nullopt, topmost(changes)};
+    return {true, lines_of(session.record, true), std::nullopt, topmost(changes), {}};
 }
 
 RpcError Engine::Impl::refusal(const ChangeSet& changes, const CallFailure& failure,
@@ -292,7 +401,9 @@ std::optional<RpcError> Engine::Impl::remove_vsys(const ChangeSet& changes) cons
 
 Engine::Engine(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml,
                ly_ctx* context)
-    : impl_(std::make_unique<Impl>(module_path, yang_dir, running_xml, context)) {}
+    : Engine(EngineOptions{module_path, yang_dir, std::string(running_xml), context, {}}) {}
+
+Engine::Engine(const EngineOptions& options) : impl_(std::make_unique<Impl>(options)) {}
 
 Engine::~Engine() = default;
 
@@ -305,16 +416,22 @@ EditResult Engine::edit(const lyd_node* config, const EditOptions& options) {
         // which is validated and compared whole.
         Tree copy = copy_running();
         AppliedEdit applied(impl.model, copy);
-        if (auto error = applied.apply(config, options.default_operation)) return failed(*error);
+        if (auto error = applied.apply(config, options.default_operation, options.complete)) return failed(*error);
         applied.keep();
         return impl.commit(std::move(copy), options);
     }
     AppliedEdit applied(impl.model, impl.running);
-    if (auto error = applied.apply(config, options.default_operation)) return failed(*error);
+    if (auto error = applied.apply(config, options.default_operation, options.complete)) return failed(*error);
+    Validated validated;
+    if (auto error = impl.validate_changed(impl.running, applied, validated)) return failed(*error);
     ChangeSet changes(impl.model);
     applied.describe(changes);
     EditResult result = impl.run(changes, options);
-    if (result.ok && !options.test_only && !options.dry_run) applied.keep();
+    result.validated_whole = validated.names;
+    if (result.ok && !options.test_only && !options.dry_run) {
+        applied.keep();
+        validated.install(impl.running);
+    }
     return result;  // otherwise `applied` puts the running configuration back
 }
 
@@ -326,24 +443,23 @@ EditResult Engine::apply(DataTree& tree, const lyd_node* edit, DefaultOperation 
     const Impl& impl = *impl_;
     AppliedEdit applied(impl.model, tree);
     if (auto error = applied.apply(edit, default_operation)) return failed(*error);
+    Validated validated;
     if (!impl.model.nonlocal().empty()) {
-        lyd_node* copy = nullptr;
-        if (tree) lyd_dup_siblings(tree.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
-        Tree whole(copy);
+        Tree whole = copy_of(tree.get(), nullptr);
         if (auto error = impl.validate_whole(whole)) return failed(*error);
+        validated.add(nullptr, std::move(whole), impl.served_names());
+    } else if (auto error = impl.validate_changed(tree, applied, validated)) {
+        return failed(*error);
     }
     ChangeSet changes(impl.model);
     applied.describe(changes);
-    EditResult result{true, {}, std::nullopt, topmost(changes)};
+    EditResult result{true, {}, std::nullopt, topmost(changes), validated.names};
     applied.keep();
+    validated.install(tree);
     return result;
 }
 
-DataTree Engine::copy_running() const {
-    lyd_node* copy = nullptr;
-    if (impl_->running) lyd_dup_siblings(impl_->running.get(), nullptr, LYD_DUP_RECURSIVE, &copy);
-    return DataTree(copy);
-}
+DataTree Engine::copy_running() const { return copy_of(impl_->running.get(), nullptr); }
 
 std::string Engine::running_xml() const { return print(impl_->running.get()); }
 
@@ -379,5 +495,17 @@ ly_ctx* Engine::context() const { return impl_->model.context(); }
 const std::string& Engine::model_name() const { return impl_->name; }
 const std::string& Engine::model_namespace() const { return impl_->ns; }
 const std::vector<std::string>& Engine::nonlocal_constraints() const { return impl_->model.nonlocal(); }
+
+std::vector<std::string> Engine::data_modules() const {
+    std::vector<std::string> names = impl_->served_names();
+    names.erase(names.begin());
+    return names;
+}
+
+const std::vector<std::string>& Engine::nonlocal_constraints(std::string_view module) const {
+    for (const Model::Served& served : impl_->model.served())
+        if (module == served.module->name) return served.nonlocal;
+    throw std::out_of_range("the engine does not serve the YANG module " + std::string(module));
+}
 
 }  // namespace tavrik::engine

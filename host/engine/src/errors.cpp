@@ -43,10 +43,13 @@ RpcError libyang_error(const ly_ctx* ctx, ErrorTag tag, ErrorType type) {
     const ly_err_item* e = ly_err_last(ctx);
     error.message = e && e->msg ? e->msg : "The data model refused the data.";
     const std::string where = e && e->path ? e->path : "";
-    constexpr std::string_view kData = "Data location \"";
-    if (auto at = where.find(kData); at != std::string::npos) {
-        auto start = at + kData.size();
+    // The data node's instance path; else (a node that is missing) its schema path.
+    for (const std::string_view location : {"Data location \"", "Schema location \""}) {
+        const auto at = where.find(location);
+        if (at == std::string::npos) continue;
+        const auto start = at + location.size();
         error.path = where.substr(start, where.find('"', start) - start);
+        break;
     }
     constexpr std::string_view kLine = "line number ";
     if (auto at = where.find(kLine); at != std::string::npos) error.line = std::atoi(where.c_str() + at + kLine.size());

@@ -1,5 +1,6 @@
 #include "model.hpp"
 
+#include <cstring>
 #include <filesystem>
 
 namespace tavrik::engine {
@@ -81,7 +82,9 @@ bool present(const lyd_node* node) {
     return false;
 }
 
-Model::Model(const std::string& yang_dir, const std::string& ns, ly_ctx* host) : ctx_(host) {
+Model::Model(const std::string& yang_dir, const std::string& ns, ly_ctx* host,
+             const std::vector<std::string>& data_modules)
+    : ctx_(host) {
     QuietLibyang quiet;
     if (!ctx_) {
         if (ly_ctx_new(yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx_) != LY_SUCCESS)
@@ -103,7 +106,16 @@ Model::Model(const std::string& yang_dir, const std::string& ns, ly_ctx* host) :
         }
         if (!module_) throw EngineError("no data model in " + yang_dir + " has the module's namespace " + ns);
         vsys_ = lys_find_path(ctx_, nullptr, ("/" + std::string(module_->name) + ":antivirus/vsys").c_str(), 0);
-        nonlocal_ = nonlocal_constraints(module_);
+        served_.push_back({module_, nonlocal_constraints(module_)});
+        for (const std::string& name : data_modules) {
+            const lys_module* data = ly_ctx_get_module_implemented(ctx_, name.c_str());
+            if (!data) data = ly_ctx_load_module(ctx_, name.c_str(), nullptr, nullptr);
+            if (!data)
+                throw EngineError("cannot load the YANG module " + name + ": " +
+                                  describe(libyang_error(ctx_, ErrorTag::OperationFailed)));
+            if (served(data)) throw EngineError("the YANG module " + name + " is served already");
+            served_.push_back({data, nonlocal_constraints(data)});
+        }
     } catch (...) {
         if (owned_) ly_ctx_destroy(ctx_);
         throw;
@@ -114,17 +126,38 @@ Model::~Model() {
     if (owned_) ly_ctx_destroy(ctx_);
 }
 
+const Model::Served* Model::served(const lys_module* module) const {
+    for (const Served& s : served_)
+        if (s.module == module) return &s;
+    return nullptr;
+}
+
+const Model::Served* Model::served_ns(const char* ns) const {
+    for (const Served& s : served_)
+        if (ns && std::strcmp(s.module->ns, ns) == 0) return &s;
+    return nullptr;
+}
+
+std::string Model::foreign(const std::string& element) const {
+    std::string names;
+    for (const Served& s : served_)
+        names += (names.empty() ? "" : " or ") + std::string(s.module->name) + " (" + s.module->ns + ")";
+    return "Element \"" + element + "\" is not in the namespace of " + names + ".";
+}
+
 int Model::order(const lysc_node* schema) const {
     if (auto found = order_.find(schema); found != order_.end()) return found->second;
-    {
-        // Siblings in the order libyang keeps their data: lys_getnext over
-        // the parent, through choices and cases.
-        int index = 0;
-        const lysc_node* parent = lysc_data_parent(schema);
-        const lysc_module* compiled = parent ? nullptr : schema->module->compiled;
-        for (const lysc_node* s = nullptr; (s = lys_getnext(s, parent, compiled, 0));)
-            order_[s] = index++;
-    }
+    // Siblings in the order libyang keeps their data: lys_getnext over the
+    // parent, through choices and cases; top-level nodes after those of
+    // the served modules whose names sort before their module's.
+    const lysc_node* parent = lysc_data_parent(schema);
+    int index = 0;
+    if (!parent)
+        for (const Served& s : served_)
+            if (std::strcmp(s.module->name, schema->module->name) < 0)
+                for (const lysc_node* n = nullptr; (n = lys_getnext(n, nullptr, s.module->compiled, 0));) ++index;
+    const lysc_module* compiled = parent ? nullptr : schema->module->compiled;
+    for (const lysc_node* s = nullptr; (s = lys_getnext(s, parent, compiled, 0));) order_[s] = index++;
     return order_[schema];
 }
 

@@ -495,7 +495,8 @@ Datastore::Datastore(const DatastoreOptions& options) : impl_(std::make_unique<I
     runtime::set_platform(&d.platform);
     const std::string running = state ? state->snapshot.record.running_xml : std::string();
     try {
-        d.engine = std::make_unique<engine::Engine>(options.module_path, options.yang_dir, running, options.context);
+        d.engine = std::make_unique<engine::Engine>(
+            engine::EngineOptions{options.module_path, options.yang_dir, running, options.context, options.data_modules});
     } catch (const engine::EngineError& e) {
         if (!state || !e.detail()) throw;
         throw DatastoreError(d.store->snapshot_path() + ": the running configuration cannot be read: " + e.what());

@@ -58,6 +58,7 @@ int main(int argc, char* argv[]) {
         store.state_dir = options.state_dir;
         store.sync_writes = options.sync_writes;
         store.context = context.get();
+        store.data_modules = data_modules();
         store.boot_from_startup = options.boot_from_startup;
         store.log = [](const std::string& text) { detail::log_line(NC_VERB_WARNING, 0, text); };
         Datastore datastore(store);

@@ -79,6 +79,8 @@ void withhold_features(ly_ctx* ctx) {
 
 }  // namespace
 
+std::vector<std::string> data_modules() { return {"ietf-netconf-acm"}; }
+
 ly_ctx* build_context(const Options& options) {
     ly_ctx* ctx = nullptr;
     if (ly_ctx_new(options.ietf_yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
@@ -99,6 +101,7 @@ ly_ctx* build_context(const Options& options) {
     load("ietf-netconf", netconf_features);
     load("ietf-netconf-monitoring", nullptr);
     load("ietf-netconf-with-defaults", nullptr);
+    for (const std::string& name : data_modules()) load(name.c_str(), nullptr);
     if (lys_parse_mem(ctx, kDaemonModuleText, LYS_IN_YANG, nullptr) != LY_SUCCESS) {
         ly_ctx_destroy(ctx);
         throw ServerError("cannot load the daemon's YANG module");

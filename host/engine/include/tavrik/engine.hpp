@@ -11,6 +11,12 @@
 // the module with the reverse of what was already carried out; on every
 // refusal the running configuration is put back exactly as it was.
 //
+// Beside the model the running configuration may hold the configuration of
+// further YANG modules that have no callbacks (EngineOptions::data_modules,
+// ietf-netconf-acm for one): edited, validated, compared and reported like
+// the model's data, in the same all-or-nothing edits, and never handed to
+// the module.
+//
 // Lines reach the platform that the stand-in runtime currently uses
 // (tavrik::runtime::set_platform; the runtime's RecordingPlatform by
 // default). A VsysFeature (tavrik/vsys_feature.hpp) handed to the engine
@@ -139,6 +145,10 @@ struct EditOptions {
     // would send; nothing is delivered and the running configuration stays.
     bool dry_run = false;
     ChangeCheck check = {};  // optional
+    // The edit is a whole configuration (copy-config, validate): the
+    // configured top-level nodes of every served module that it does not
+    // name are removed.
+    bool complete = false;
 };
 
 struct EditResult {
@@ -154,6 +164,12 @@ struct EditResult {
     // modified leaf) in document order: what a netconf-config-change
     // notification lists. Set when ok.
     std::vector<ChangedNode> changes;
+    // The served modules whose data libyang validated as a whole for this
+    // edit: every module when the model asks for it or the configuration is
+    // replaced whole, else the data modules with constraints beyond the
+    // changed entries that the edit changed. Empty: the edit was validated
+    // where it changed the configuration.
+    std::vector<std::string> validated_whole;
 };
 
 // A libyang data tree owned by its holder (freed with lyd_free_all).
@@ -181,6 +197,19 @@ private:
     std::optional<RpcError> detail_;
 };
 
+// What an engine serves; see the constructor.
+struct EngineOptions {
+    std::string module_path;
+    std::string yang_dir;
+    std::string running_xml;
+    ly_ctx* context = nullptr;
+    // YANG modules whose configuration the running configuration holds as
+    // plain data beside the model's: no callback is ever called for it.
+    // Implemented in the context, or loaded from its search directories (an
+    // engine's own context searches yang_dir and the IETF module directory).
+    std::vector<std::string> data_modules;
+};
+
 class Engine {
 public:
     // module_path: the module's shared library. yang_dir: a directory of
@@ -198,12 +227,13 @@ public:
     // the IETF module directory of this build.
     Engine(const std::string& module_path, const std::string& yang_dir, std::string_view running_xml = {},
            ly_ctx* context = nullptr);
+    explicit Engine(const EngineOptions& options);
     ~Engine();  // calls the module's transapi_close and unloads it
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
 
     // XML text as a NETCONF server reads it with libyang: the content of an
-    // edit-config's <config> (the model's top-level elements, with the
+    // edit-config's <config> (the served top-level elements, with the
     // operation attribute of ietf-netconf), with or without the <config>
     // element itself, or a <data> element. Unknown elements and values of
     // the wrong type become opaque nodes that edit() refuses.
@@ -232,8 +262,8 @@ public:
     // A copy of the running configuration (null when empty).
     DataTree copy_running() const;
 
-    // The running configuration as XML text (the model's top-level elements;
-    // empty text when the configuration is empty).
+    // The running configuration as XML text (the served top-level elements,
+    // without implicit defaults; empty text when nothing is configured).
     std::string running_xml() const;
     const lyd_node* running_tree() const;  // owned by the engine; null when empty
 
@@ -266,6 +296,14 @@ public:
     // unique, list sizes, ...). Empty: every edit is validated where it
     // changes the configuration.
     const std::vector<std::string>& nonlocal_constraints() const;
+
+    // The data modules served beside the model, as named in EngineOptions.
+    std::vector<std::string> data_modules() const;
+    // The constraints of a served module (the model or a data module) that
+    // reach beyond the changed entries; for a data module, why an edit that
+    // changes its data validates that data whole. Throws std::out_of_range
+    // for a module not served.
+    const std::vector<std::string>& nonlocal_constraints(std::string_view module) const;
 
 private:
     struct Impl;

@@ -76,6 +76,9 @@ struct DatastoreOptions {
     // What the datastore has to tell the operator on its own (a rollback, a
     // startup configuration refused); optional.
     std::function<void(const std::string&)> log;
+    // YANG modules whose configuration is kept beside the model's as plain
+    // data (engine::EngineOptions::data_modules).
+    std::vector<std::string> data_modules = {};
 };
 
 enum class TestOption { TestThenSet, Set, TestOnly };

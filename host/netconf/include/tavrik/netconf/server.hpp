@@ -7,6 +7,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include <libyang/libyang.h>
 #include <stdexcept>
@@ -21,10 +23,14 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// The schema context of the server: the IETF NETCONF modules and the
-// daemon's own module; the datastore's engine adds the data model. The
-// caller destroys it (ly_ctx_destroy) after the datastore and the server.
-// Throws ServerError.
+// The modules whose configuration the datastores hold beside the data model
+// as plain data, without module calls: NACM's (ietf-netconf-acm).
+std::vector<std::string> data_modules();
+
+// The schema context of the server: the IETF NETCONF modules, the data
+// modules and the daemon's own module; the datastore's engine adds the data
+// model. The caller destroys it (ly_ctx_destroy) after the datastore and
+// the server. Throws ServerError.
 ly_ctx* build_context(const Options& options);
 
 class Server {

@@ -13,7 +13,8 @@ namespace {
 // The row's given lines, after the profile p1 in vs1.
 std::vector<Line> given(const std::string& text) {
     std::vector<Line> lines{at("system", "profile type av name p1")};
-    for (const std::string& one : parts(text)) lines.push_back(at(one.substr(0, one.find(' ')), one.substr(one.find(' ') + 1)));
+    for (const std::string& one : parts(text))
+        lines.push_back(at(one.substr(0, one.find(' ')), one.substr(one.find(' ') + 1)));
     return lines;
 }
 
@@ -46,7 +47,7 @@ TEST_P(Commands, CodeAndChange) {
             EXPECT_EQ(std::tie(a.last_refusal()->line, a.last_refusal()->cmd_op, a.last_refusal()->code),
                       std::tie(l.line, l.op, code));
         }
-        for (const auto& [name, vsys] : a.configuration().vsys) EXPECT_FALSE(vsys.empty()) << "kept empty vsys " << name;
+        for (const auto& [name, vsys] : a.configuration().vsys) EXPECT_FALSE(vsys.empty()) << "empty vsys " << name;
     }
 }
 

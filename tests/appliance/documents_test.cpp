@@ -45,15 +45,16 @@ class Readings : public testing::TestWithParam<tktest::CaseSection> {};
 TEST_P(Readings, ComparisonForm) {
     for (const Case& c : GetParam().cases) {
         SCOPED_TRACE(c.where);
-        const std::string wrap = c.setting("wrap"), text = tktest::decode(c.columns.at(0));
-        const std::string open = "<antivirus xmlns=\"" + std::string(av::kNamespace) + "\">";
-        const std::string xml = wrap == "none"        ? text
-                                : wrap == "antivirus" ? open + text + "</antivirus>"
-                                                      : open + "<vsys><name>vs1</name><profiles><profile><name>p1</name>" +
-                                                            text + "</profile></profiles></vsys></antivirus>";
+        const std::string wrap = c.setting("wrap");
+        std::string xml = tktest::decode(c.columns.at(0));
+        if (wrap == "profile")
+            xml = "<vsys><name>vs1</name><profiles><profile><name>p1</name>" + xml + "</profile></profiles></vsys>";
+        if (wrap != "none") xml = "<antivirus xmlns=\"" + std::string(av::kNamespace) + "\">" + xml + "</antivirus>";
         const auto expected = items(c.columns.at(1));
-        if (expected == std::vector<std::string>{"error"}) EXPECT_THROW(av::parse_configuration(xml), av::ConfigurationError);
-        else EXPECT_EQ(av::describe(av::comparable(av::parse_configuration(xml))), expected);
+        if (expected == std::vector<std::string>{"error"})
+            EXPECT_THROW(av::parse_configuration(xml), av::ConfigurationError);
+        else
+            EXPECT_EQ(av::describe(av::comparable(av::parse_configuration(xml))), expected);
     }
 }
 

@@ -285,8 +285,8 @@ bool carried(const Node& before, const Node& after, Chain& chain) {
 // is removed or changed alone.
 std::string refused_leaf(const Node& n) {
     const std::string direction = text_of(n, "direction");
-    if (name_of(n) == "detect-configuration" && child(n, "action") && (direction.empty() || trim(direction) != direction))
-        return "action";
+    const bool undirected = direction.empty() || trim(direction) != direction;
+    if (name_of(n) == "detect-configuration" && child(n, "action") && undirected) return "action";
     return name_of(n) == "exception-signature" && child(n, "timeout") && !child(n, "action") ? "timeout" : "";
 }
 

@@ -86,15 +86,19 @@ protected:
     // libyang's complaint about the documents of `a`, "" when both are valid
     // data of the model.
     std::string documents_error(const av::Appliance& a) const {
+        uint32_t quiet = LY_LOSTORE_LAST;  // kept, not printed
+        ly_temp_log_options(&quiet);
+        std::string error;
         for (const auto& [xml, state] : {std::pair(a.running_config_xml(), false), std::pair(a.state_xml(), true)}) {
             lyd_node* tree = nullptr;
             const LY_ERR err = lyd_parse_data_mem(engine->context(), xml.c_str(), LYD_XML,
                                                   LYD_PARSE_STRICT | (state ? 0 : LYD_PARSE_NO_STATE),
                                                   state ? LYD_VALIDATE_PRESENT : LYD_VALIDATE_NO_STATE, &tree);
             lyd_free_all(tree);
-            if (err != LY_SUCCESS) return ly_errmsg(engine->context());
+            if (err != LY_SUCCESS && error.empty()) error = ly_errmsg(engine->context());
         }
-        return "";
+        ly_temp_log_options(nullptr);
+        return error;
     }
 
     std::unique_ptr<av::Appliance> appliance;
@@ -127,17 +131,17 @@ TEST_P(Generated, EditsReadBackAsTheRunningConfiguration) {
             const unsigned fault = faults() % 25;
             const bool armed = fault < 5 && inject(target, GetParam(), fault);
             const EditResult result = apply(target, GetParam());
-            std::string sent;
+            std::string sent = result.ok ? "" : result.error->message;
             for (const auto& l : result.lines) sent += "\n  " + std::to_string(l.cmd_op) + " " + l.view + ": " + l.line;
-            SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + "\nrunning before: " + before +
-                         "\nedit: " + target + "\nlines:" + sent + "\n" + (result.ok ? "" : result.error->message));
+            SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + "\nrunning before: " +
+                         before + "\nedit: " + target + "\nlines: " + sent);
             ASSERT_EQ(!result.ok && result.error->app_code == kInjected, armed);
             injected += armed;
             if (result.ok) {
                 generator.accept();
                 ++accepted;
-                ASSERT_EQ(av::differences(av::parse_configuration(target), av::parse_configuration(engine->running_xml())),
-                          std::vector<std::string>{});
+                const auto running = av::parse_configuration(engine->running_xml());
+                ASSERT_EQ(av::differences(av::parse_configuration(target), running), std::vector<std::string>{});
                 ASSERT_EQ(documents_error(*appliance), "");
             } else {
                 generator.reject();

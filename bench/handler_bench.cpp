@@ -1,7 +1,7 @@
 // One change through each of the module's 23 change handlers, called the way
-// the server calls them: the module loaded with dlopen, the handler's ADD
-// wrapper found by name, a parsed libxml2 tree, a data handle that answers
-// parent operations. Next to each, the floor of the same change: clearing the
+// the server calls them: the module loaded as the server loads it (the
+// engine's loader), the handler's ADD wrapper found by name, a parsed libxml2
+// tree, a data handle that answers parent operations. Next to each, the floor of the same change: clearing the
 // handler's buffers and formatting the same line with the bounded formatter.
 //
 // Every handler runs twice: with the runtime as it is (the journal and the
@@ -9,7 +9,6 @@
 // do not grow without bound) and with that bookkeeping off (journaling off, a
 // platform that keeps nothing). The bookkeeping is the stand-in server's, not
 // the module's.
-#include <dlfcn.h>
 #include <libxml/parser.h>
 
 #include <algorithm>
@@ -22,6 +21,7 @@
 
 #include "bench_main.hpp"
 #include "securec.h"
+#include "tavrik/module.hpp"
 #include "tavrik/runtime.hpp"
 
 namespace {
@@ -163,13 +163,9 @@ void floorOf(const Case& c) {
     benchmark::DoNotOptimize(arena);
 }
 
-void* module() {
-    static void* handle = [] {
-        void* h = dlopen(TAVRIK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
-        if (!h) throw std::runtime_error(dlerror());
-        return h;
-    }();
-    return handle;
+const tavrik::engine::Module& module() {
+    static const tavrik::engine::Module loaded(TAVRIK_MODULE_PATH);
+    return loaded;
 }
 
 // One change handed to a handler's ADD wrapper, as the server hands it: the
@@ -177,9 +173,8 @@ void* module() {
 class Change {
 public:
     explicit Change(const Case& c)
-        : wrapper_(reinterpret_cast<Callback>(dlsym(module(), (std::string(c.handler) + "_ADD").c_str()))),
+        : wrapper_(module().function<Callback>((std::string(c.handler) + "_ADD").c_str())),
           doc_(xmlReadMemory(c.tree.data(), static_cast<int>(c.tree.size()), nullptr, nullptr, XML_PARSE_NOBLANKS)) {
-        if (!wrapper_) throw std::runtime_error(std::string(c.handler) + "_ADD is not exported");
         node_ = xmlDocGetRootElement(doc_);
         for (std::string_view path = c.node; node_ && !path.empty();) {
             const std::string_view step = path.substr(0, path.find('/'));

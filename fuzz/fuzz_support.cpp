@@ -1,13 +1,10 @@
 // Shared pieces of the fuzz targets.
 #include "fuzz_support.hpp"
 
-#include <dlfcn.h>
 #include <libxml/xmlerror.h>
 
 #include <cstdio>
 #include <cstdlib>
-
-#include "tavrik/runtime.hpp"
 
 namespace tkfuzz {
 
@@ -17,21 +14,10 @@ void broken(const char* what) {
     std::abort();
 }
 
-Module& Module::get() {
-    static Module module;
-    return module;
+const tavrik::engine::Module& module() {
+    static const auto* const loaded = new tavrik::engine::Module(TAVRIK_MODULE_PATH);  // never unloaded
+    return *loaded;
 }
-
-// The server's runtime is loaded before any module, which names it as a
-// needed library: starting it from here keeps it a dependency of every target.
-Module::Module() : handle_((tavrik::runtime::reset(), dlopen(TAVRIK_MODULE_PATH, RTLD_NOW | RTLD_LOCAL))) {
-    if (handle_ == nullptr) {
-        std::fprintf(stderr, "cannot load %s: %s\n", TAVRIK_MODULE_PATH, dlerror());
-        std::abort();
-    }
-}
-
-void* Module::sym(const char* name) const { return dlsym(handle_, name); }
 
 namespace {
 void ignoreXmlError(void*, const char*, ...) {}

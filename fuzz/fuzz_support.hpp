@@ -3,6 +3,7 @@
 #pragma once
 
 #include "fuzz_input.hpp"
+#include "tavrik/module.hpp"
 
 namespace tkfuzz {
 
@@ -13,28 +14,17 @@ namespace tkfuzz {
 #define TKFUZZ_STR(x) TKFUZZ_STR2(x)
 #define TKFUZZ_CHECK(cond) ((cond) ? (void)0 : ::tkfuzz::broken(#cond " at " __FILE__ ":" TKFUZZ_STR(__LINE__)))
 
-// The antivirus module, loaded once with dlopen; symbols by name.
-class Module {
-public:
-    static Module& get();
-    void* sym(const char* name) const;
-    // The function `name`, or null when the module does not export it.
-    template <class F>
-    F fn(const char* name) const {
-        return reinterpret_cast<F>(sym(name));
-    }
-    // The function `name`; a missing one is a finding.
-    template <class F>
-    F require(const char* name) const {
-        F f = fn<F>(name);
-        if (f == nullptr) broken(name);
-        return f;
-    }
+// The antivirus module, loaded once the way the server loads it (the
+// engine's loader) and kept for the whole run.
+const tavrik::engine::Module& module();
 
-private:
-    Module();
-    void* handle_;
-};
+// The exported function or data `name`; a missing one is a finding.
+template <class T>
+T require(const char* name) {
+    void* p = module().symbol(name);
+    if (p == nullptr) broken(name);
+    return reinterpret_cast<T>(p);
+}
 
 // What a target sets up once and keeps for the whole run (the module's
 // functions, an engine): made on first use, which prepare() makes early.

@@ -68,13 +68,10 @@ struct Targets {
     unsigned char* debug;
 
     Targets() {
-        auto& m = tkfuzz::Module::get();
-        const auto* table = static_cast<const transapi_data_callbacks*>(m.sym("clbks"));
-        TKFUZZ_CHECK(table != nullptr && table->callbacks_count > 0);
-        for (int i = 0; i < table->callbacks_count; ++i)
-            rows.push_back({table->callbacks[i].path, table->callbacks[i].func});
-        for (const char* name : kHandlers) handlers.push_back(m.require<transapi_data_clbk>(name));
-        debug = static_cast<unsigned char*>(m.sym("g_ucAvApiDebug"));
+        for (const clbk& row : tkfuzz::module().rows()) rows.push_back({row.path, row.func});
+        TKFUZZ_CHECK(!rows.empty());
+        for (const char* name : kHandlers) handlers.push_back(tkfuzz::require<transapi_data_clbk>(name));
+        debug = tkfuzz::require<unsigned char*>("g_ucAvApiDebug");
     }
 };
 

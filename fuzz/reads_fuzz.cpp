@@ -21,10 +21,10 @@ using GetStateData = xmlDocPtr (*)(xmlDocPtr, xmlDocPtr, nc_err**);
 using GetConfig = char* (*)(void*, NC_DATASTORE, nc_err**);
 
 struct Reads {
-    FeatureTest featureEnabled = tkfuzz::Module::get().require<FeatureTest>("av_func_enable");
-    GetStateData getStateData = tkfuzz::Module::get().require<GetStateData>("get_state_data");
-    GetConfig getConfig = tkfuzz::Module::get().require<GetConfig>("perform_getconfig");
-    unsigned char* debug = static_cast<unsigned char*>(tkfuzz::Module::get().sym("g_ucAvApiDebug"));
+    FeatureTest featureEnabled = tkfuzz::require<FeatureTest>("av_func_enable");
+    GetStateData getStateData = tkfuzz::require<GetStateData>("get_state_data");
+    GetConfig getConfig = tkfuzz::require<GetConfig>("perform_getconfig");
+    unsigned char* debug = tkfuzz::require<unsigned char*>("g_ucAvApiDebug");
 };
 
 // Whole-name equality with one of "KX-11" to "KX-25".

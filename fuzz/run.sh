@@ -33,7 +33,7 @@ for t in "${targets[@]}"; do
     echo "fuzz $t: ${runs:-?} executions in ${seconds} s, no finding"
   else
     echo "fuzz $t: FINDING (log: $log)"
-    grep -E 'ERROR|SUMMARY|runtime error|contract broken|Test unit written' "$log" | head -20
+    grep -E 'ERROR|SUMMARY|runtime error|contract broken|Test unit written|terminate' "$log" | head -20 || true
     status=1
   fi
 done

@@ -27,23 +27,22 @@ using MatchType = void (*)(char*, unsigned*);
 using MatchTypeCorrect = unsigned (*)(char*, char*);
 
 struct Functions {
-    tkfuzz::Module& m = tkfuzz::Module::get();
-    Strstrip strstrip = m.require<Strstrip>("AV_Strstrip");
-    RemovePrefix removePrefix = m.require<RemovePrefix>("AV_remove_prefix");
-    ContainsSpaces containsSpaces = m.require<ContainsSpaces>("AV_IsContainedSpaces");
-    ContainsSpacesMarks containsSpacesMarks = m.require<ContainsSpacesMarks>("AV_IsContainedSpacesMarks");
-    CheckNodeName checkNodeName = m.require<CheckNodeName>("AV_netconf_checkNodeName");
-    ApiAtoi apiAtoi = m.require<ApiAtoi>("AV_ApiAtoi");
-    CheckProtocol checkProtocol = m.require<CheckProtocol>("AV_CheckProtocolAndGetValid");
-    CheckOne checkDirection = m.require<CheckOne>("AV_CheckDetectDirConfig");
-    CheckOne checkAction = m.require<CheckOne>("AV_CheckDetectActionConfig");
-    CheckBoth checkDetect = m.require<CheckBoth>("AV_CheckDetectConfig");
-    ChildReaderFn getDetectConfig = m.require<ChildReaderFn>("AV_GetDetectConfig");
-    ChildReaderFn getExceptAppConfig = m.require<ChildReaderFn>("AV_GetExceptAppConfig");
-    ChildReaderFn getSourceRangeConfig = m.require<ChildReaderFn>("AV_GetSourceRangeConfig");
-    MatchType matchType = m.require<MatchType>("AV_GetInputMatchType");
-    MatchTypeCorrect matchTypeCorrect = m.require<MatchTypeCorrect>("AV_MatchTypeCorrect");
-    unsigned char& debug = *static_cast<unsigned char*>(m.sym("g_ucAvApiDebug"));
+    Strstrip strstrip = tkfuzz::require<Strstrip>("AV_Strstrip");
+    RemovePrefix removePrefix = tkfuzz::require<RemovePrefix>("AV_remove_prefix");
+    ContainsSpaces containsSpaces = tkfuzz::require<ContainsSpaces>("AV_IsContainedSpaces");
+    ContainsSpacesMarks containsSpacesMarks = tkfuzz::require<ContainsSpacesMarks>("AV_IsContainedSpacesMarks");
+    CheckNodeName checkNodeName = tkfuzz::require<CheckNodeName>("AV_netconf_checkNodeName");
+    ApiAtoi apiAtoi = tkfuzz::require<ApiAtoi>("AV_ApiAtoi");
+    CheckProtocol checkProtocol = tkfuzz::require<CheckProtocol>("AV_CheckProtocolAndGetValid");
+    CheckOne checkDirection = tkfuzz::require<CheckOne>("AV_CheckDetectDirConfig");
+    CheckOne checkAction = tkfuzz::require<CheckOne>("AV_CheckDetectActionConfig");
+    CheckBoth checkDetect = tkfuzz::require<CheckBoth>("AV_CheckDetectConfig");
+    ChildReaderFn getDetectConfig = tkfuzz::require<ChildReaderFn>("AV_GetDetectConfig");
+    ChildReaderFn getExceptAppConfig = tkfuzz::require<ChildReaderFn>("AV_GetExceptAppConfig");
+    ChildReaderFn getSourceRangeConfig = tkfuzz::require<ChildReaderFn>("AV_GetSourceRangeConfig");
+    MatchType matchType = tkfuzz::require<MatchType>("AV_GetInputMatchType");
+    MatchTypeCorrect matchTypeCorrect = tkfuzz::require<MatchTypeCorrect>("AV_MatchTypeCorrect");
+    unsigned char& debug = *tkfuzz::require<unsigned char*>("g_ucAvApiDebug");
 };
 
 // A heap buffer of exactly `size` bytes (none for a size of 0 or less),

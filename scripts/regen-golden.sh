@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Writes the module's callback table anew into tests/module/callback_table.golden
-# (row, priority, exported function, path), after a deliberate change of the
-# table: review the diff and commit it with the change.
+# Writes the reviewed dumps anew after a deliberate change: the module's
+# callback table (tests/module/callback_table.golden: row, priority, exported
+# function, path) and the appliance's documents of its rich test state
+# (tests/appliance/cases/documents.golden). Review the diff and commit it with
+# the change.
 #   scripts/regen-golden.sh [build-dir]      (default build)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build}
-cmake --build "$build" -j2 --target module_table_dump >/dev/null
+cmake --build "$build" -j2 --target module_table_dump appliance-tests >/dev/null
 "$build/tests/module/module_table_dump" > tests/module/callback_table.golden
-git diff --stat -- tests/module/callback_table.golden
+TKTEST_REGEN_GOLDEN=1 "$build/tests/appliance/appliance-tests" --gtest_filter='ApplianceDocuments.AsReviewed' >/dev/null
+git diff --stat -- tests/module/callback_table.golden tests/appliance/cases/documents.golden

@@ -26,6 +26,7 @@ struct Node {
     std::string value;  // leaves and leaf-list entries
     std::vector<Node> children;
 };
+using Chain = std::vector<const Node*>;  // ancestors, outermost first
 
 class Generator {
 public:
@@ -43,12 +44,7 @@ public:
     static std::set<std::string> model_leaves(const ly_ctx* ctx);
 
 private:
-    using Chain = std::vector<const Node*>;  // ancestors, outermost first
-
-    bool add();
-    bool change();
-    bool remove();
-    void repair();
+    bool mutate(double r);
     Node make(const lysc_node* schema, Chain chain, int depth);
     std::string value(const lysc_node* leaf, const Chain& chain);
     bool chance(double p) { return std::bernoulli_distribution(p)(rng_); }

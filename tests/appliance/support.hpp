@@ -1,11 +1,14 @@
-// Helpers shared by the appliance tests: lines in their views, and an
-// appliance holding something of every kind.
+// What the appliance tests share: lines in views named as the case tables in
+// cases/ name them, and the appliance that holds something of every kind.
 #pragma once
 
+#include <algorithm>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "cases.hpp"
 #include "tavrik/appliance.hpp"
 
 namespace tavrik::appliance {
@@ -17,73 +20,72 @@ inline void PrintTo(const Configuration& config, std::ostream* out) {
 
 namespace appliance_test {
 
-using tavrik::runtime::CachedLine;
-
-constexpr unsigned ADD = 0, DEL = 1;
+namespace av = tavrik::appliance;
+using tktest::Case;
 
 struct Line {
-    CachedLine line;
-    unsigned op = 0;
+    tavrik::runtime::CachedLine line;
+    unsigned op = CMD_ADD;
 };
 
-inline Line in(std::string vsys, std::string view, std::optional<std::string> tmpl, std::string text, unsigned op = 0) {
-    return {{std::move(vsys), std::move(view), std::move(tmpl), std::move(text)}, op};
-}
-// The view of profile p1 in vsys vs1.
-inline Line pv(std::string text, unsigned op = 0) {
-    return in("vs1", "profile-av-p1", "profile-av", std::move(text), op);
-}
-// The system view of vs1, and of the root system.
-inline Line sys(std::string text, unsigned op = 0) { return in("vs1", "system", std::nullopt, std::move(text), op); }
-inline Line root(std::string text, unsigned op = 0) {
-    return in("public", "system", std::nullopt, std::move(text), op);
-}
-// The root system's view of a vsys.
-inline Line vv(std::string vsys, std::string text, unsigned op = 0) {
-    return in("public", "vsys-" + vsys, "mgmt-vsys", std::move(text), op);
-}
-
-// Lines that give vs1/p1 every kind of setting, plus a second vsys and the
-// global aging time.
-inline std::vector<Line> rich_lines() {
-    return {
-        root("file-reputation set aging-time hour 72"),
-        vv("vs1", "assign function av"),
-        vv("vs2", "undo assign function av"),
-        sys("profile type av name p1"),
-        sys("profile type av name \"my av\""),
-        pv("description Office <traffic> & mail"),
-        pv("collect-attack-evidence enable"),
-        pv("undo file-reputation enable"),
-        pv("heuristic-detect enable"),
-        pv("http-detect direction both action block"),
-        pv("ftp-detect direction upload"),
-        pv("nfs-detect direction download"),
-        pv("smtp-detect action delete-attachment"),
-        pv("pop3-detect"),
-        pv("imap-detect direction both action alert"),
-        pv("undo imap-detect"),
-        pv("smb-detect direction both action alert"),
-        pv("undo smb-detect direction", DEL),
-        pv("exception application name zoom action block"),
-        pv("exception application name ssh"),
-        pv("exception av-signature-id 1001"),
-        pv("exception av-signature-id 1002 action allow"),
-        pv("exception av-signature-id 1003 action block-source-ip timeout 30"),
-        pv("whitelist url www.example.com/*"),
-        pv("whitelist url \"a b.com\""),
-        pv("whitelist url q%22x.com"),
-        pv("whitelist host *.example.org"),
-        pv("whitelist source-address 10.0.0.1"),
-        pv("whitelist source-address range 10.0.0.1 10.0.0.9"),
-        pv("whitelist destination-address 2001:db8::1"),
-        pv("whitelist destination-address range ::1 ::9"),
+// `text` in a view: vsys:N (the view of vsys N in "public"), system (of vs1),
+// root (the system view of "public"), profile (p1 of vs1), or "VSYS VIEW
+// TEMPLATE" with "-" for no template. op: add, del or a number.
+inline Line at(const std::string& view, std::string text, const std::string& op = "add") {
+    const auto w = tktest::words(view);
+    const unsigned code = op == "add" ? unsigned{CMD_ADD} : op == "del" ? unsigned{CMD_DEL} : std::stoul(op);
+    auto in = [&](std::string vsys, std::string name, std::optional<std::string> tmpl) {
+        return Line{{std::move(vsys), std::move(name), std::move(tmpl), std::move(text)}, code};
     };
+    if (w.size() == 3) return in(w[0], w[1], w[2] == "-" ? std::nullopt : std::optional(w[2]));
+    if (w.at(0).starts_with("vsys:")) return in("public", "vsys-" + w[0].substr(5), "mgmt-vsys");
+    if (w[0] == "system") return in("vs1", "system", std::nullopt);
+    if (w[0] == "root") return in("public", "system", std::nullopt);
+    if (w[0] == "profile") return in("vs1", "profile-av-p1", "profile-av");
+    throw std::invalid_argument("no view " + view);
 }
 
-inline void run_lines(tavrik::appliance::Appliance& a, const std::vector<Line>& lines) {
-    for (const auto& l : lines)
-        if (a.execute(l.line, l.op) != 0) throw std::runtime_error("refused: " + l.line.line);
+// A row "op | view | line | ...".
+inline Line line_of(const Case& c) { return at(c.columns.at(1), tktest::decode(c.columns.at(2)), c.columns.at(0)); }
+
+// The parts of a column between " ; ", each decoded.
+inline std::vector<std::string> parts(const std::string& column) {
+    std::vector<std::string> out;
+    for (std::size_t start = 0; start < column.size();) {
+        const std::size_t end = std::min(column.find(" ; ", start), column.size());
+        out.push_back(tktest::decode(column.substr(start, end - start)));
+        start = end + 3;
+    }
+    return out;
+}
+
+// A column of describe() items, "P" standing for vsys[vs1]/profile[p1] (also
+// after a leading "+" or "-"); sorted.
+inline std::vector<std::string> items(const std::string& column) {
+    std::vector<std::string> out = parts(column);
+    for (std::string& item : out) {
+        const std::size_t p = item.find_first_not_of("+-");
+        if (item.compare(p, 2, "P/") == 0 || item.substr(p) == "P") item.replace(p, 1, "vsys[vs1]/profile[p1]");
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+inline std::vector<tktest::CaseSection> sections(const std::string& file, const std::string& key) {
+    return tktest::readCases(std::string(TKTEST_CASES_DIR) + "/" + file, key);
+}
+
+inline void run(av::Appliance& a, const Line& l) {
+    if (a.execute(l.line, l.op) != av::kAccepted) throw std::runtime_error("refused: " + l.line.line);
+}
+
+// Every kind of setting in vs1/p1, a second profile and vsys, the global
+// aging time (cases/rich.cases).
+inline av::Appliance rich() {
+    av::Appliance a;
+    const auto lines = sections("rich.cases", "appliance");
+    for (const Case& c : lines.at(0).cases) run(a, line_of(c));
+    return a;
 }
 
 }  // namespace appliance_test

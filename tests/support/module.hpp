@@ -1,17 +1,20 @@
-// The antivirus module of this build, loaded on first use the way the server
-// loads it: dlopen, and every symbol found by name.
+// The antivirus module of this build, loaded once the way the server loads
+// it (the engine's loader, tavrik/module.hpp), and its symbols by name.
 #pragma once
 
 #include <string>
 
+#include "tavrik/module.hpp"
 #include "tavrik/runtime.hpp"
 
 namespace tktest {
 
 using Callback = int (*)(void**, XMLDIFF_OP, xmlNodePtr, nc_err**);
 
+// The module, loaded on first use and kept for the whole run.
+const tavrik::engine::Module& module();
 // The symbol `name`, or null when the module does not export it.
-void* symbol(const char* name);
+inline void* symbol(const char* name) { return module().symbol(name); }
 // The symbol `name`; the running test fails when the module does not export it.
 void* required(const char* name);
 template <class T>
@@ -20,7 +23,7 @@ T exported(const char* name) {
 }
 inline Callback callback(const char* name) { return exported<Callback>(name); }
 // The name the module exports at `address`, or "" when there is none.
-std::string exportedName(const void* address);
+inline std::string exportedName(const void* address) { return tavrik::engine::Module::exported_name(address); }
 inline unsigned char& debugSwitch() { return *exported<unsigned char*>("g_ucAvApiDebug"); }
 
 }  // namespace tktest

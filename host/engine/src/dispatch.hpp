@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "changes.hpp"
-#include "module.hpp"
+#include "tavrik/module.hpp"
 #include "tavrik/runtime.hpp"
 
 namespace tavrik::engine {

@@ -8,7 +8,7 @@
 #include "changes.hpp"
 #include "dispatch.hpp"
 #include "model.hpp"
-#include "module.hpp"
+#include "tavrik/module.hpp"
 #include "parse.hpp"
 #include "tavrik/runtime.hpp"
 

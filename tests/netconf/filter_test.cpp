@@ -93,6 +93,8 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"entries that have the selected leaf", av("<vsys><antivirus-enable/></vsys>"),
              av("<vsys><name>vs2</name><antivirus-enable>true</antivirus-enable></vsys>")},
         Case{"content match with another value", av("<vsys><antivirus-enable>false</antivirus-enable></vsys>"), ""},
+        Case{"content match beside a selection", av("<vsys><antivirus-enable>true</antivirus-enable><profiles/></vsys>"),
+             av("<vsys><name>vs2</name><antivirus-enable>true</antivirus-enable></vsys>")},
         Case{"content match and selection",
              av("<vsys><profiles><profile><name>p1</name><description/></profile></profiles></vsys>"),
              av("<vsys><name>vs1</name><profiles><profile><name>p1</name><description>office</description></profile>"

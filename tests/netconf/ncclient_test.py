@@ -195,8 +195,9 @@ class Daemon:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-class NcclientTest(unittest.TestCase):
-    """One daemon for the class; each test starts from an empty running configuration."""
+class DaemonTestCase(unittest.TestCase):
+    """The fixtures of a suite over SSH: one daemon for the class, and a session (self.m) on an empty running
+    configuration for each test. Other suites derive from it and run with main()."""
     daemon = None
 
     @classmethod
@@ -268,6 +269,15 @@ class NcclientTest(unittest.TestCase):
         self.addCleanup(lambda: self.m.edit_config(target="running",
                                                    config=config("", nacm("", ' nc:operation="remove"'))))
 
+    def restart(self, stop, extra=()):
+        """`stop` (self.daemon.stop or .kill), a start with `extra` options and a new session; stop's result."""
+        status = stop()
+        self.daemon.start(extra)
+        self.m = self.daemon.connect()
+        return status
+
+
+class NcclientTest(DaemonTestCase):
     def test_hello_lists_the_model_and_the_capabilities_served(self):
         capabilities = list(self.m.server_capabilities)
         self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus&revision=") for c in capabilities))
@@ -666,12 +676,6 @@ class NcclientTest(unittest.TestCase):
         other.close_session()
         self.wait_for(lambda: self.running() == running, "the end of the session did not roll back")
         self.assertEqual(self.appliance_configuration(), appliance)
-
-    def restart(self, stop, extra=()):
-        status = stop()
-        self.daemon.start(extra)
-        self.m = self.daemon.connect()
-        return status
 
     def test_zz_boot_from_startup_brings_running_and_the_appliance_to_it(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)

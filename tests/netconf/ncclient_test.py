@@ -14,7 +14,8 @@ import warnings
 # ncclient 0.6.13 and the crypt module use calls that newer Pythons deprecate.
 warnings.simplefilter("ignore", DeprecationWarning)
 
-import crypt  # noqa: E402 (after the filter)
+import contextlib  # noqa: E402 (after the filter)
+import crypt  # noqa: E402
 import os
 import shutil
 import signal
@@ -40,6 +41,7 @@ DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
 NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
 NACM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-acm"
+YL_NS = "urn:ietf:params:xml:ns:yang:ietf-yang-library"
 PROFILE_PATH = ("/tavrik-antivirus:antivirus/tavrik-antivirus:vsys[tavrik-antivirus:name='vs1']"
                 "/tavrik-antivirus:profiles/tavrik-antivirus:profile[tavrik-antivirus:name='p1']/")
 
@@ -81,30 +83,16 @@ def described(text, name="p1"):
     return profile(f"<name>{name}</name><description>{text}</description>")
 
 
-FULL_PROFILE = profile("""
-  <name>p1</name>
-  <description>office traffic</description>
-  <heuristic-detect-enable>true</heuristic-detect-enable>
-  <detect><protocol-type>http</protocol-type>
-    <detect-configuration><direction>both</direction><action>block</action></detect-configuration>
-  </detect>
-  <detect><protocol-type>smtp</protocol-type>
-    <detect-configuration><direction>upload</direction><action>delete-attachment</action></detect-configuration>
-  </detect>
-  <exception-application><application-name>dropbox</application-name>
-    <application-action>block</application-action></exception-application>
-  <exception-signature-id>1001</exception-signature-id>
-  <exception-signature><id>2002</id><action>block-source-ip</action><timeout>60</timeout></exception-signature>
-  <whitelists>
-    <match-rules>
-      <match-rule><scope>url</scope><type>prefix</type><value>www.example.com/downloads/*</value></match-rule>
-      <match-rule><scope>host</scope><type>suffix</type><value>*.example.org</value></match-rule>
-    </match-rules>
-    <source-address>192.0.2.10</source-address>
-    <source-address-range><start-address>192.0.2.100</start-address><end-address>192.0.2.120</end-address></source-address-range>
-    <destination-address>198.51.100.7</destination-address>
-    <destination-address-range><start-address>198.51.100.200</start-address><end-address>198.51.100.250</end-address></destination-address-range>
-  </whitelists>""")
+FULL_PROFILE = profile(
+    "<name>p1</name><description>office traffic</description><heuristic-detect-enable>true</heuristic-detect-enable>"
+    + "".join(f"<detect><protocol-type>{p}</protocol-type><detect-configuration><direction>{d}</direction><action>"
+              f"{a}</action></detect-configuration></detect>"
+              for p, d, a in (("http", "both", "block"), ("smtp", "upload", "delete-attachment")))
+    + "<exception-signature-id>1001</exception-signature-id><exception-signature><id>2002</id>"
+      "<action>block-source-ip</action><timeout>60</timeout></exception-signature><whitelists><match-rules>"
+      "<match-rule><scope>url</scope><type>prefix</type><value>www.example.com/d/*</value></match-rule></match-rules>"
+      "<source-address-range><start-address>192.0.2.100</start-address><end-address>192.0.2.120</end-address>"
+      "</source-address-range><destination-address>198.51.100.7</destination-address></whitelists>")
 
 
 def free_port():
@@ -117,6 +105,15 @@ def texts(xml, name):
     """Texts of all elements `name` (any namespace) in an XML document."""
     root = ET.fromstring(xml) if isinstance(xml, str) else xml
     return [e.text or "" for e in root.iter() if e.tag.split("}")[-1] == name]
+
+
+def error_tag(call, *args, **kwargs):
+    """The error-tag of the rpc-error `call` gets; None when it succeeds."""
+    try:
+        call(*args, **kwargs)
+    except RPCError as error:
+        return error.tag
+    return None
 
 
 class Daemon:
@@ -198,7 +195,9 @@ class Daemon:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-class NcclientTest(unittest.TestCase):
+class DaemonTestCase(unittest.TestCase):
+    """The fixtures of a suite over SSH: one daemon for the class, and a session (self.m) on an empty running
+    configuration for each test. Other suites derive from it and run with main()."""
     daemon = None
 
     @classmethod
@@ -217,16 +216,42 @@ class NcclientTest(unittest.TestCase):
             cls.daemon.remove()
 
     def setUp(self):
-        self.m = self.daemon.connect()
+        self.m = self.session()
         self.m.edit_config(target="running", config=config(""), default_operation="replace")
         self.m.discard_changes()
-        self.addCleanup(lambda: self.m.connected and self.m.close_session())
+
+    def session(self):
+        """Another session, closed at the end of the test."""
+        session = self.daemon.connect()
+
+        def close():
+            with contextlib.suppress(Exception):  # killed or dropped by the test
+                session.close_session()
+        self.addCleanup(close)
+        return session
 
     def running(self, source="running"):
         return self.m.get_config(source=source).data_xml
 
+    def description(self, source="running"):
+        return texts(self.running(source), "description")
+
+    def appliance(self):
+        return self.m.get(filter=("subtree", f'<appliance xmlns="{DAEMON_NS}"/>')).data_ele
+
+    def appliance_configuration(self):
+        return texts(self.appliance(), "running-configuration")[0]
+
     def lines_received(self):
         return int(texts(self.appliance(), "lines-received")[0])
+
+    def snapshot(self):
+        """What a refused request must leave as it was."""
+        return self.running(), self.appliance_configuration(), self.lines_received()
+
+    def copy_inline(self, body, target):
+        self.m.dispatch(to_ele(f"<copy-config xmlns='{NC_NS}'><target><{target}/></target>"
+                               f"<source>{body}</source></copy-config>"))
 
     def wait_for(self, condition, failure):
         deadline = time.time() + SLOW * 30
@@ -234,13 +259,6 @@ class NcclientTest(unittest.TestCase):
             if time.time() > deadline:
                 self.fail(failure)
             time.sleep(0.1)
-
-    def appliance(self):
-        reply = self.m.get(filter=("subtree", f'<appliance xmlns="{DAEMON_NS}"/>'))
-        return reply.data_ele
-
-    def appliance_configuration(self):
-        return texts(self.appliance(), "running-configuration")[0]
 
     def nacm(self, **options):
         return self.m.get_config(source="running", filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>'),
@@ -251,227 +269,84 @@ class NcclientTest(unittest.TestCase):
         self.addCleanup(lambda: self.m.edit_config(target="running",
                                                    config=config("", nacm("", ' nc:operation="remove"'))))
 
-    def test_hello_lists_the_model(self):
+    def restart(self, stop, extra=()):
+        """`stop` (self.daemon.stop or .kill), a start with `extra` options and a new session; stop's result."""
+        status = stop()
+        self.daemon.start(extra)
+        self.m = self.daemon.connect()
+        return status
+
+
+class NcclientTest(DaemonTestCase):
+    def test_hello_lists_the_model_and_the_capabilities_served(self):
         capabilities = list(self.m.server_capabilities)
-        self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus") for c in capabilities), capabilities)
-        self.assertIn("urn:ietf:params:netconf:capability:validate:1.1", capabilities)
-        self.assertIn("urn:ietf:params:netconf:capability:writable-running:1.0", capabilities)
+        self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus&revision=") for c in capabilities))
+        for name in ("writable-running:1.0", "validate:1.1", "rollback-on-error:1.0", "yang-library:1.1",
+                     "xpath:1.0", "candidate:1.0", "confirmed-commit:1.1", "startup:1.0"):
+            self.assertIn("urn:ietf:params:netconf:capability:" + name, [c.split("?")[0] for c in capabilities])
+        self.assertFalse([c for c in capabilities if c.startswith("urn:ietf:params:netconf:capability:url")])
+        self.assertIn(NC_NS + "?module=ietf-netconf&revision=2011-06-01&features=writable-running,candidate,"
+                      "confirmed-commit,rollback-on-error,validate,startup,xpath", capabilities)
         host_key = os.path.join(self.daemon.dir, "state", "ssh_host_ecdsa_key")
         self.assertEqual(os.stat(host_key).st_mode & 0o777, 0o600)  # generated at the first start
 
-    def test_edit_config_creates_and_get_config_returns(self):
+    def test_an_edit_reaches_running_and_the_appliance(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
         running = self.running()
         self.assertEqual(texts(running, "description"), ["office traffic"])
         self.assertEqual(sorted(texts(running, "protocol-type")), ["http", "smtp"])
-        self.assertEqual(texts(running, "application-name"), ["dropbox"])
         self.assertEqual(texts(running, "exception-signature-id"), ["1001"])
-        self.assertEqual(texts(running, "timeout"), ["60"])
-        self.assertEqual(sorted(texts(running, "value")), ["*.example.org", "www.example.com/downloads/*"])
-        self.assertEqual(texts(running, "end-address"), ["192.0.2.120", "198.51.100.250"])
-
-        lines = texts(self.appliance(), "line")
-        self.assertIn("profile type av name p1", lines)
-        self.assertIn("http-detect direction both action block", lines)
+        self.assertEqual(texts(running, "end-address"), ["192.0.2.120"])
+        self.assertIn("profile type av name p1", texts(self.appliance(), "line"))
         appliance = self.appliance_configuration()
         self.assertEqual(texts(appliance, "description"), ["office traffic"])
         self.assertEqual(texts(appliance, "destination-address"), ["198.51.100.7"])
 
-        only_p1 = self.m.get_config(source="running", filter=(
-            "subtree", f'<antivirus xmlns="{NS}"><vsys><name>vs1</name><profiles><profile>'
-                       '<name>p1</name><detect/></profile></profiles></vsys></antivirus>')).data_xml
-        self.assertEqual(sorted(texts(only_p1, "protocol-type")), ["http", "smtp"])
-        self.assertEqual(texts(only_p1, "description"), [])
-
-    def test_get_returns_the_state(self):
-        self.m.edit_config(target="running", config=FULL_PROFILE)
-        state = self.m.get(filter=("subtree", f'<antivirus-state xmlns="{NS}"/>')).data_xml
-        self.assertEqual(texts(state, "reference-count"), ["0"])
-        self.assertIn("2002", texts(state, "signature-id"))
-        self.assertIn("default", texts(state, "name"))  # the appliance's default profile
-        everything = self.m.get().data_xml
-        self.assertEqual(texts(everything, "description")[:1], ["office traffic"])
-        self.assertTrue(texts(everything, "content-id"))  # yang-library
-
-    def test_delete_removes(self):
-        self.m.edit_config(target="running", config=FULL_PROFILE)
-        delete = profile("<name>p1</name>", f' xmlns:nc="{NC_NS}" nc:operation="delete"')
-        self.m.edit_config(target="running", config=delete)
-        self.assertEqual(texts(self.running(), "profile"), [])
-        self.assertEqual(texts(self.appliance_configuration(), "profile"), [])
+    def test_edit_operations(self):
+        """Per-node and default operations: the error tag, and the description of p1 left in running and
+        on the appliance."""
+        op = f' xmlns:nc="{NC_NS}" nc:operation='
+        cases = [  # (edit, default operation, error tag, description afterwards)
+            (profile("<name>p1</name>", op + '"create"'), "merge", "data-exists", "one"),
+            (described("two"), "merge", None, "two"),
+            (profile("<name>p1</name>", op + '"replace"'), "merge", None, None),
+            (profile(f'<name>p1</name><description{op}"merge">three</description>'), "none", None, "three"),
+            (profile(f'<name>p1</name><description{op}"delete"/>'), "merge", None, None),
+            (profile("<name>p1</name><colour>red</colour>"), "merge", "unknown-element", "one"),
+            (profile("<name>p1</name>", op + '"delete"'), "merge", None, None),
+            (profile("<name>p9</name>", op + '"delete"'), "merge", "data-missing", "one"),
+            (profile("<name>p9</name>", op + '"remove"'), "merge", None, "one"),
+            (config(f'<vsys{op}"delete"><name>vs1</name></vsys>'), "merge", None, None),
+        ]
+        for edit, default, tag, description in cases:
+            with self.subTest(edit=edit):
+                self.m.edit_config(target="running", config=config(""), default_operation="replace")
+                self.m.edit_config(target="running", config=described("one"))
+                self.assertEqual(error_tag(self.m.edit_config, target="running", config=edit,
+                                           default_operation=default), tag)
+                for configuration in (self.running(), self.appliance_configuration()):
+                    self.assertEqual(texts(configuration, "description"), [description] if description else [])
         self.assertIn("undo profile type av name p1", texts(self.appliance(), "line"))
 
-    def test_invalid_value_gets_the_module_refusal_and_changes_nothing(self):
+    def test_checks_and_refused_edits_change_nothing(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
-        running, appliance = self.running(), self.appliance_configuration()
-        received = texts(self.appliance(), "lines-received")
-        bad = profile("<name>p1</name><detect><protocol-type>http</protocol-type><detect-configuration>"
-                      "<direction>sideways</direction><action>block</action></detect-configuration></detect>"
-                      "<description>still office</description>")
-        with self.assertRaises(RPCError) as caught:
-            self.m.edit_config(target="running", config=bad)
-        error = caught.exception
-        self.assertEqual(error.tag, "bad-element")
-        self.assertEqual(error.type, "application")
-        self.assertTrue(error.path.startswith(PROFILE_PATH), error.path)
-        self.assertTrue(error.message, "the module's message")
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.appliance_configuration(), appliance)
-        self.assertEqual(texts(self.appliance(), "lines-received"), received)
-
-    def test_nacm_configuration_is_written_and_read_back(self):
-        self.write_nacm(READ_ONLY + "<read-default>deny</read-default>")
-        for data in (self.nacm(), self.m.get(filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>')).data_ele):
-            self.assertEqual(texts(data, "user-name"), ["oper", "audit"])
-            self.assertEqual(texts(data, "name"), ["operators", "read-only", "read-all", "no-writes"])
-            self.assertEqual(texts(data, "access-operations"), ["read", "create update delete"])
-            self.assertEqual(texts(data, "path")[0].split(":")[-1], "antivirus")
-            self.assertEqual(texts(data, "read-default"), ["deny"])
-            self.assertEqual(texts(data, "write-default"), [])  # a default, not configured
-        everything = self.nacm(with_defaults="report-all")
-        self.assertEqual(texts(everything, "write-default"), ["deny"])
-        self.assertEqual(texts(everything, "enable-nacm"), ["true"])
-
-        # copy-config replaces everything, /nacm included; what it leaves out goes.
-        copy = ("<copy-config xmlns='{0}'><target><running/></target><source>{1}</source></copy-config>")
-        self.m.dispatch(to_ele(copy.format(NC_NS, profile("<name>p1</name>", ""),)))
-        self.assertEqual(texts(self.nacm(), "user-name"), [])
-        self.assertEqual(texts(self.running(), "name"), ["vs1", "p1"])
-        self.m.dispatch(to_ele(copy.format(NC_NS, config("", nacm(READ_ONLY)))))
-        self.assertEqual(texts(self.nacm(), "user-name"), ["oper", "audit"])
-        self.assertEqual(texts(self.running(), "profile"), [])
-
-    def test_malformed_nacm_data_is_refused_and_changes_nothing(self):
-        self.write_nacm(READ_ONLY)
-        self.m.edit_config(target="running", config=FULL_PROFILE)
-        running, received = self.running(), texts(self.appliance(), "lines-received")
-        rule_list = "<rule-list><name>read-only</name>{}</rule-list>"
-        for body, tag in ((rule_list.format(rule("r2", "<access-operations>read fly</access-operations>"
-                                                       "<action>permit</action>")), "invalid-value"),
-                          (rule_list.format("<rule><action>permit</action></rule>"), "missing-element"),
-                          (rule_list.format(rule("r2", "<rpc-name>lock</rpc-name>")), "invalid-value"),
-                          ("<enable-nacm>sometimes</enable-nacm>", "invalid-value")):
-            with self.subTest(body=body), self.assertRaises(RPCError) as caught:
-                self.m.edit_config(target="running", config=config(
-                    "<vsys><name>vs1</name><antivirus-enable>true</antivirus-enable></vsys>", nacm(body)))
-            self.assertEqual(caught.exception.tag, tag)
-            self.assertTrue((caught.exception.path or "").startswith("/ietf-netconf-acm:nacm"),
-                            (caught.exception.path, caught.exception.message))
-            self.assertTrue(caught.exception.message)
-            self.assertEqual(self.running(), running)
-            self.assertEqual(texts(self.appliance(), "lines-received"), received)
-
-    def test_xpath_filters_with_prefixes_of_the_clients_choosing(self):
-        self.m.edit_config(target="running", config=config(
-            "<vsys><name>vx</name><profiles>" + "".join(f"<profile><name>{name}</name></profile>"
-                                                        for name in ("p1", "p2", "p3")) + "</profiles></vsys>"))
-        select = "/av:antivirus/av:vsys[av:name='vx']/av:profiles/av:profile[av:name!='p2']"
-        for read in (lambda f: self.m.get_config(source="running", filter=f), lambda f: self.m.get(filter=f)):
-            data = read(("xpath", ({"av": NS}, select))).data_ele
-            self.assertEqual([e.tag.split("}")[-1] for e in data], ["antivirus"])  # no state, no library
-            self.assertEqual(texts(data, "name"), ["vx", "p1", "p3"])
-        for bad, tag in (("/av:antivirus[", "operation-failed"), ("/zz:antivirus", "operation-failed"),
-                         ("count(/av:antivirus)", "invalid-value")):
-            with self.subTest(select=bad), self.assertRaises(RPCError) as caught:
-                self.m.get(filter=("xpath", ({"av": NS}, bad)))
-            self.assertEqual(caught.exception.tag, tag)
-            self.assertTrue(caught.exception.message)
-        self.assertIn("p2", texts(self.running(), "name"))  # the session goes on
-
-    def test_monitoring_shows_this_session_and_its_lock(self):
-        def state(inner):
-            reply = self.m.get(filter=("subtree", f'<netconf-state xmlns="{NCM_NS}">{inner}</netconf-state>'))
-            return reply.data_ele
-
-        def own_session():
-            entry = state(f"<sessions><session><session-id>{self.m.session_id}</session-id></session></sessions>")
-            return {e.tag.split("}")[-1]: e.text for e in entry.iter() if len(e) == 0}
-
-        before = own_session()
-        self.assertEqual(before["username"], "admin")
-        self.assertEqual(before["transport"].split(":")[-1], "netconf-ssh")
-        self.assertEqual(before["source-host"], "127.0.0.1")
-        self.assertTrue(before["login-time"])
-        with self.assertRaises(RPCError):  # refused by libnetconf2 itself, while parsing
-            self.m.dispatch(to_ele(f'<no-such-operation xmlns="{NC_NS}"/>'))
-        after = own_session()
-        # The monitoring <get> before, the refused request.
-        self.assertEqual(int(after["in-rpcs"]), int(before["in-rpcs"]) + 1)
-        self.assertEqual(int(after["in-bad-rpcs"]), int(before["in-bad-rpcs"]) + 1)
-        self.assertEqual(int(after["out-rpc-errors"]), int(before["out-rpc-errors"]) + 1)
-
-        self.m.lock(target="running")
-        lock = state("<datastores/>")
-        self.assertEqual(texts(lock, "name"), ["running", "candidate", "startup"])
-        self.assertEqual(texts(lock, "locked-by-session"), [str(self.m.session_id)])
-        self.assertTrue(texts(lock, "locked-time")[0].startswith(time.strftime("%Y-", time.gmtime())))
-        self.m.unlock(target="running")
-        self.assertEqual(texts(state("<datastores/>"), "locked-by-session"), [])
-
-    def test_a_second_session_is_denied_the_lock(self):
-        other = self.daemon.connect()
-        try:
-            self.m.lock(target="running")
-            with self.assertRaises(RPCError) as caught:
-                other.lock(target="running")
-            self.assertEqual(caught.exception.tag, "lock-denied")
-            self.assertIn(str(self.m.session_id), caught.exception.info)
-            with self.assertRaises(RPCError) as caught:
-                other.edit_config(target="running", config=FULL_PROFILE)
-            self.assertEqual(caught.exception.tag, "in-use")
-            self.m.unlock(target="running")
-            other.lock(target="running")
-            other.unlock(target="running")
-        finally:
-            other.close_session()
-
-    def test_broken_framing_ends_only_that_ssh_session(self):
-        hello = (f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
-                 '</capability></capabilities></hello>]]>]]>').encode()
-        cases = [b"\n#abc\n<rpc/>\n##\n", b"\n#18446744073709551615\n<rpc/>", b"\n##\n", b"<rpc/>]]>]]>"]
-        for number, payload in enumerate(cases):
-            with self.subTest(payload=payload):
-                transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
-                try:
-                    transport.connect(username="admin", password="s3cret")
-                    channel = transport.open_session()
-                    channel.invoke_subsystem("netconf")
-                    channel.settimeout(300 if OPTIONS.valgrind else 30)
-                    channel.sendall(hello + payload)
-                    received = b""
-                    while chunk := channel.recv(65536):  # the daemon's hello, then the end
-                        received += chunk
-                    self.assertIn(b"<session-id>", received)
-                finally:
-                    transport.close()
-                # This test's session edits on in between.
-                self.m.edit_config(target="running", config=profile(
-                    f"<name>p1</name><description>edit {number}</description>"))
-        self.assertEqual(texts(self.running(), "description"), [f"edit {len(cases) - 1}"])
-
-    def test_public_key_and_password_logins(self):
-        for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},
-                            {"username": "bob", "password": "b0b-pw"}):
-            session = self.daemon.connect(**credentials)
-            self.assertTrue(session.connected)
-            session.close_session()
-        for credentials in ({"username": "admin", "password": "wrong"},
-                            {"username": "root", "password": "s3cret"},
-                            {"username": "bob", "password": "b0b-p"},
-                            {"username": "alice", "password": "s3cret"}):
-            with self.assertRaises(Exception):
-                self.daemon.connect(**credentials)
-
-    def test_the_example_client_creates_a_profile_and_shows_the_lines(self):
-        script = os.path.join(EXAMPLES, "client", "create-profile.py")
-        run = subprocess.run([sys.executable, script, "--port", str(self.daemon.port), "--user", "admin",
-                              "--password", "s3cret", "--profile", "from-example"],
-                             capture_output=True, text=True, timeout=300)
-        self.assertEqual(run.returncode, 0, run.stderr)
-        self.assertIn("vsys vs1      system", run.stdout)
-        self.assertIn("add    profile type av name from-example", run.stdout)
-        self.assertIn("<name>from-example</name>", run.stdout)
-        self.assertIn("from-example", texts(self.running(), "name"))
+        before = self.snapshot()
+        good, bad = described("new"), described("why?")
+        two_vsys = config("<vsys><name>vs2</name><antivirus-enable>true</antivirus-enable></vsys><vsys><name>vs1"
+                          "</name><profiles><profile><name>p1</name><description>?</description></profile>"
+                          "</profiles></vsys>")
+        requests = [  # (request, error tag)
+            (lambda: self.m.edit_config(target="running", config=good, test_option="test-only"), None),
+            (lambda: self.m.edit_config(target="running", config=bad, test_option="test-only"), "bad-element"),
+            (lambda: self.m.validate(source="running"), None),
+            (lambda: self.m.validate(source=to_ele(good)), None),
+            (lambda: self.m.validate(source=to_ele(bad)), "bad-element"),
+        ] + [(lambda option=option: self.m.edit_config(target="running", config=two_vsys, error_option=option),
+              "bad-element") for option in ("stop-on-error", "continue-on-error", "rollback-on-error")]
+        for number, (request, tag) in enumerate(requests):
+            with self.subTest(request=number):
+                self.assertEqual(error_tag(request), tag)
+                self.assertEqual(self.snapshot(), before)
 
     def test_error_paths_resolve_with_the_namespaces_the_reply_declares(self):
         """The rpc-error of a module refusal, a model refusal and an appliance
@@ -484,6 +359,7 @@ class NcclientTest(unittest.TestCase):
             ("appliance", "<name>p1</name><exception-application><application-name>no-such-app</application-name>"
              "</exception-application>", "exception-application", "operation-failed", False),
         ]
+        before = self.snapshot()[:2]  # the appliance heard the refused line
         for what, body, name, tag, module_path in cases:
             with self.subTest(what):
                 request = profile(body)
@@ -491,6 +367,7 @@ class NcclientTest(unittest.TestCase):
                     self.m.edit_config(target="running", config=request)
                 error = etree.fromstring(etree.tostring(caught.exception.xml))  # the rpc-error alone
                 self.assertEqual(error.findtext(f"{{{NC_NS}}}error-tag"), tag)
+                self.assertEqual(error.findtext(f"{{{NC_NS}}}error-type"), "application")
                 self.assertEqual([etree.QName(c).localname for c in error][-3:],
                                  ["error-path", "error-message", "error-info"])  # RFC 6241's order
                 path_element = error.find(f"{{{NC_NS}}}error-path")
@@ -505,95 +382,300 @@ class NcclientTest(unittest.TestCase):
                 self.assertEqual(bool(info), module_path, info)
                 if module_path:
                     self.assertTrue(info.endswith("/description"), info)
-        self.assertEqual(texts(self.running(), "profile"), [])
+                    self.assertIn("'?'", error.findtext(f"{{{NC_NS}}}error-message"))  # the module's refusal
+        self.assertEqual(self.snapshot()[:2], before)
+
+    def test_nacm_configuration_is_written_read_back_and_replaced_by_copy_config(self):
+        self.write_nacm(READ_ONLY + "<read-default>deny</read-default>")
+        for data in (self.nacm(), self.m.get(filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>')).data_ele):
+            self.assertEqual(texts(data, "user-name"), ["oper", "audit"])
+            self.assertEqual(texts(data, "access-operations"), ["read", "create update delete"])
+            self.assertEqual(texts(data, "write-default"), [])  # a default, not configured
+        self.assertEqual(texts(self.nacm(with_defaults="report-all"), "write-default"), ["deny"])
+        with self.assertRaises(RPCError) as caught:
+            self.m.edit_config(target="running", config=config("", nacm("<enable-nacm>sometimes</enable-nacm>")))
+        self.assertTrue(caught.exception.path.startswith("/ietf-netconf-acm:nacm"), caught.exception.path)
+        self.copy_inline(described("copied"), "running")  # everything is replaced, /nacm included
+        self.assertEqual(texts(self.nacm(), "user-name"), [])
+        self.assertEqual(self.description(), ["copied"])
+
+    def test_get_adds_the_state_the_libraries_and_the_appliance(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        top = {etree.QName(e).localname for e in self.m.get().data_ele}
+        self.assertLessEqual({"antivirus", "antivirus-state", "yang-library", "netconf-state", "appliance"}, top)
+        state = self.m.get(filter=("subtree", f'<antivirus-state xmlns="{NS}"/>')).data_ele
+        self.assertEqual([etree.QName(e).localname for e in state], ["antivirus-state"])
+        self.assertEqual(texts(state, "reference-count"), ["0"])
+        self.assertIn("2002", texts(state, "signature-id"))
+        library = self.m.get(filter=("subtree", f'<yang-library xmlns="{YL_NS}"/>')).data_ele
+        datastores = list(library.iter(f"{{{YL_NS}}}datastore"))
+        self.assertEqual(sorted(d.findtext(f"{{{YL_NS}}}name").split(":")[-1] for d in datastores),
+                         ["candidate", "running", "startup"])
+        schemas = {s.findtext(f"{{{YL_NS}}}name") for s in library.iter(f"{{{YL_NS}}}schema") if len(s)}
+        for datastore in datastores:
+            self.assertIn(datastore.findtext(f"{{{YL_NS}}}schema"), schemas)
+        self.assertIn("module tavrik-antivirus", self.m.get_schema("tavrik-antivirus").xml)
+        for schema in (("no-such-module",), ("tavrik-antivirus", "1999-01-01")):
+            self.assertEqual(error_tag(self.m.get_schema, *schema), "invalid-value")
+
+    def test_subtree_and_xpath_filters_with_prefixes_of_the_clients_choosing(self):
+        self.m.edit_config(target="running", config=FULL_PROFILE)
+        self.m.edit_config(target="running", config=config(
+            "<vsys><name>vx</name><profiles>" + "".join(f"<profile><name>{name}</name></profile>"
+                                                        for name in ("p1", "p2", "p3")) + "</profiles></vsys>"))
+        only_p1 = self.m.get_config(source="running", filter=(
+            "subtree", f'<antivirus xmlns="{NS}"><vsys><name>vs1</name><profiles><profile>'
+                       '<name>p1</name><detect/></profile></profiles></vsys></antivirus>')).data_xml
+        self.assertEqual(sorted(texts(only_p1, "protocol-type")), ["http", "smtp"])
+        self.assertEqual(texts(only_p1, "description"), [])
+        select = "/av:antivirus/av:vsys[av:name='vx']/av:profiles/av:profile[av:name!='p2']"
+        for read in (lambda f: self.m.get_config(source="running", filter=f), lambda f: self.m.get(filter=f)):
+            data = read(("xpath", ({"av": NS}, select))).data_ele
+            self.assertEqual([etree.QName(e).localname for e in data], ["antivirus"])  # no state, no library
+            self.assertEqual(texts(data, "name"), ["vx", "p1", "p3"])
+        for bad, tag in (("/av:antivirus[", "operation-failed"), ("/zz:antivirus", "operation-failed"),
+                         ("count(/av:antivirus)", "invalid-value")):
+            with self.subTest(select=bad):
+                self.assertEqual(error_tag(self.m.get, filter=("xpath", ({"av": NS}, bad))), tag)
+        self.assertIn("p2", texts(self.running(), "name"))  # the session goes on
+
+    def test_monitoring_shows_this_session_and_its_lock(self):
+        def state(inner):
+            reply = self.m.get(filter=("subtree", f'<netconf-state xmlns="{NCM_NS}">{inner}</netconf-state>'))
+            return reply.data_ele
+
+        def own_session():
+            entry = state(f"<sessions><session><session-id>{self.m.session_id}</session-id></session></sessions>")
+            return {etree.QName(e).localname: e.text for e in entry.iter() if len(e) == 0}
+
+        before = own_session()
+        self.assertEqual(before["username"], "admin")
+        self.assertEqual(before["transport"].split(":")[-1], "netconf-ssh")
+        self.assertEqual(before["source-host"], "127.0.0.1")
+        self.assertTrue(before["login-time"].startswith(time.strftime("%Y-", time.gmtime())))
+        with self.assertRaises(RPCError):  # refused by libnetconf2 itself, while parsing
+            self.m.dispatch(to_ele(f'<no-such-operation xmlns="{NC_NS}"/>'))
+        after = own_session()
+        # The monitoring <get> before, the refused request.
+        for counter in ("in-rpcs", "in-bad-rpcs", "out-rpc-errors"):
+            self.assertEqual(int(after[counter]), int(before[counter]) + 1, counter)
+
+        self.m.lock(target="running")
+        lock = state("<datastores/>")
+        self.assertEqual(texts(lock, "name"), ["running", "candidate", "startup"])
+        self.assertEqual(texts(lock, "locked-by-session"), [str(self.m.session_id)])
+        self.assertTrue(texts(lock, "locked-time")[0].startswith(time.strftime("%Y-", time.gmtime())))
+        self.m.unlock(target="running")
+        self.assertEqual(texts(state("<datastores/>"), "locked-by-session"), [])
+
+    def test_lock_rules_of_running_and_the_candidate_and_kill_session(self):
+        m, other, own = self.m, self.session(), str(self.m.session_id)
+        m.lock(target="running")
+        with self.assertRaises(RPCError) as caught:
+            other.lock(target="running")
+        self.assertEqual(caught.exception.tag, "lock-denied")
+        self.assertIn(own, caught.exception.info)
+        steps = [  # (request, error tag)
+            (lambda: other.edit_config(target="running", config=described("theirs")), "in-use"),
+            (lambda: other.unlock(target="running"), "operation-failed"),
+            (lambda: m.lock(target="running"), "lock-denied"),  # held already
+            (lambda: m.edit_config(target="running", config=described("mine")), None),  # by the holder
+            (lambda: m.unlock(target="running"), None),
+            # A candidate with changes of this session: only this session may lock it.
+            (lambda: m.edit_config(target="candidate", config=described("staged")), None),
+            (lambda: other.lock(target="candidate"), "lock-denied"),
+            (lambda: m.lock(target="candidate"), None),
+            (lambda: other.edit_config(target="candidate", config=described("theirs")), "in-use"),
+            (lambda: other.discard_changes(), "in-use"),
+            (lambda: other.commit(), "in-use"),
+            (lambda: m.unlock(target="candidate"), None),  # which discards the changes
+            (lambda: self.assertEqual(self.description("candidate"), ["mine"]), None),
+            # Another session's lock of running stops a commit.
+            (lambda: other.lock(target="running"), None),
+            (lambda: m.edit_config(target="candidate", config=described("staged")), None),
+            (lambda: m.commit(), "in-use"),
+            (lambda: other.unlock(target="running"), None),
+            # A pending confirmed commit keeps running from other sessions' locks.
+            (lambda: m.commit(confirmed=True), None),
+            (lambda: other.lock(target="running"), "lock-denied"),
+            (lambda: m.commit(), None),
+            (lambda: other.lock(target="running"), None),
+            (lambda: m.kill_session(own), "invalid-value"),
+            (lambda: m.kill_session("4242"), "invalid-value"),
+            (lambda: m.kill_session(str(other.session_id)), None),
+            (lambda: m.lock(target="running"), None),  # the killed session's lock is gone
+        ]
+        for number, (request, tag) in enumerate(steps):
+            with self.subTest(step=number):
+                self.assertEqual(error_tag(request), tag)
+
+    def test_broken_framing_ends_only_that_ssh_session(self):
+        hello = (f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
+                 '</capability></capabilities></hello>]]>]]>').encode()
+        cases = [b"\n#abc\n<rpc/>\n##\n", b"\n#18446744073709551615\n<rpc/>", b"\n##\n", b"<rpc/>]]>]]>"]
+        for number, payload in enumerate(cases):
+            with self.subTest(payload=payload):
+                transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
+                try:
+                    transport.connect(username="admin", password="s3cret")
+                    channel = transport.open_session()
+                    channel.invoke_subsystem("netconf")
+                    channel.settimeout(SLOW * 30)
+                    channel.sendall(hello + payload)
+                    received = b""
+                    while chunk := channel.recv(65536):  # the daemon's hello, then the end
+                        received += chunk
+                    self.assertIn(b"<session-id>", received)
+                finally:
+                    transport.close()
+                # This test's session edits on in between.
+                self.m.edit_config(target="running", config=described(f"edit {number}"))
+        self.assertEqual(self.description(), [f"edit {len(cases) - 1}"])
+
+    def test_public_key_and_password_logins(self):
+        for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},
+                            {"username": "bob", "password": "b0b-pw"}):
+            self.daemon.connect(**credentials).close_session()
+        for credentials in ({"username": "admin", "password": "wrong"},
+                            {"username": "root", "password": "s3cret"},
+                            {"username": "bob", "password": "b0b-p"},
+                            {"username": "alice", "password": "s3cret"}):
+            with self.assertRaises(Exception):
+                self.daemon.connect(**credentials)
+
+    def run_example(self, *command):
+        run = subprocess.run(command, capture_output=True, text=True, timeout=SLOW * 60, stdin=subprocess.DEVNULL,
+                             env={**os.environ, "HOME": tempfile.mkdtemp(dir=self.daemon.dir)})
+        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
+        return run.stdout
+
+    def test_the_example_clients(self):
+        client = os.path.join(EXAMPLES, "client")
+        # yangcli, a client this project does not control, edits the candidate and commits.
+        out = self.run_example("yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}",
+                               "--user=admin", "--password=s3cret",
+                               "--run-script=" + os.path.join(client, "candidate-commit.yangcli"))
+        self.assertNotIn("rpc-error", out)
+        for configuration in (self.running(), self.appliance_configuration()):
+            self.assertEqual(texts(configuration, "description"), ["staged by yangcli"])
+            self.assertEqual(texts(configuration, "heuristic-detect-enable"), ["true"])
+        out = self.run_example(sys.executable, os.path.join(client, "create-profile.py"), "--port",
+                               str(self.daemon.port), "--user", "admin", "--password", "s3cret", "--profile", "ex")
+        self.assertIn("add    profile type av name ex", out)
+        self.assertIn("ex", texts(self.running(), "name"))
+        out = self.run_example(sys.executable, os.path.join(client, "staged-commit.py"), "--port",
+                               str(self.daemon.port), "--password", "s3cret", "--confirm-timeout", str(2 * SLOW))
+        self.assertIn("the daemon restored the configuration", out)
+        self.assertIn("confirmed change", self.description())
 
     def test_the_candidate_stages_edits_until_they_are_committed(self):
+        self.m.edit_config(target="running", config=described("one"))
+        self.assertEqual(self.description("candidate"), ["one"])  # it follows running until edited
         running, lines = self.running(), self.lines_received()
         self.m.edit_config(target="candidate", config=described("staged"))
         self.m.edit_config(target="candidate", config=profile("<name>p2</name>"))
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.lines_received(), lines)  # the appliance heard nothing
+        self.assertEqual((self.running(), self.lines_received()), (running, lines))  # the appliance heard nothing
+        self.m.edit_config(target="running", config=config("<vsys><name>vs2</name></vsys>"))
         self.assertEqual(texts(self.running("candidate"), "name"), ["vs1", "p1", "p2"])
         self.m.validate(source="candidate")
-        self.m.commit()
-        self.assertGreater(self.lines_received(), lines)
+        self.m.commit()  # running becomes the candidate: vs2 goes
         for configuration in (self.running(), self.appliance_configuration()):
             self.assertEqual(texts(configuration, "description"), ["staged"])
             self.assertIn("p2", texts(configuration, "name"))
+            self.assertNotIn("vs2", texts(configuration, "name"))
         self.m.edit_config(target="candidate", config=profile("<name>p3</name>"))
         self.m.discard_changes()
         self.assertEqual(self.running("candidate"), self.running())
 
     def test_a_candidate_the_module_refuses_fails_at_commit_and_changes_nothing(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
-        running, appliance, lines = self.running(), self.appliance_configuration(), self.lines_received()
+        before = self.snapshot()
         self.m.edit_config(target="candidate", config=described("which traffic?"))
         with self.assertRaises(RPCError) as caught:
             self.m.commit()
         self.assertEqual(caught.exception.tag, "bad-element")
         self.assertEqual(caught.exception.path, PROFILE_PATH + "tavrik-antivirus:description")
-        self.assertTrue(caught.exception.message)
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.appliance_configuration(), appliance)
-        self.assertEqual(self.lines_received(), lines)
+        self.assertEqual(self.snapshot(), before)
+
+    def test_copy_config_between_the_datastores(self):
+        m = self.m
+        self.assertEqual(error_tag(m.copy_config, source="startup", target="running"), "operation-failed")
+        m.edit_config(target="running", config=described("saved"))
+        m.copy_config(source="running", target="startup")
+        m.edit_config(target="running", config=described("changed"))
+        steps = [  # (request, descriptions in running, candidate, startup)
+            (lambda: m.copy_config(source="startup", target="candidate"), "changed", "saved", "saved"),
+            (lambda: m.validate(source="candidate"), "changed", "saved", "saved"),
+            (lambda: m.copy_config(source="candidate", target="running"), "saved", "saved", "saved"),
+            (lambda: self.copy_inline(described("inline"), "startup"), "saved", "saved", "inline"),
+            (lambda: self.copy_inline(described("draft"), "candidate"), "saved", "draft", "inline"),
+            (lambda: m.copy_config(source="candidate", target="startup"), "saved", "draft", "draft"),
+            (lambda: m.copy_config(source="running", target="candidate"), "saved", "saved", "draft"),
+            (lambda: m.copy_config(source="startup", target="running"), "draft", "draft", "draft"),
+            (lambda: m.delete_config(target="startup"), "draft", "draft", None),
+        ]
+        for number, (request, *expected) in enumerate(steps):
+            with self.subTest(step=number):
+                request()
+                self.assertEqual([(self.description(ds) or [None])[0] for ds in ("running", "candidate", "startup")],
+                                 expected)
+        self.assertEqual(texts(self.appliance_configuration(), "description"), ["draft"])
+        self.copy_inline(described("why?"), "candidate")
+        self.assertEqual(error_tag(m.validate, source="candidate"), "bad-element")  # the module checks it
 
     def test_a_confirmed_commit_that_is_not_confirmed_reverts(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
-        running, appliance = self.running(), self.appliance_configuration()
+        running, appliance, _ = self.snapshot()
         self.m.edit_config(target="candidate", config=described("on trial"))
         self.m.commit(confirmed=True, timeout=str(2 * SLOW))
         self.assertEqual(texts(self.appliance_configuration(), "description"), ["on trial"])
         self.wait_for(lambda: self.running() == running, "the confirmed commit was not rolled back")
         self.assertEqual(self.appliance_configuration(), appliance)
 
-    def test_a_persistent_confirmed_commit_is_confirmed_from_a_new_session(self):
-        self.m.edit_config(target="candidate", config=described("persistent"))
-        self.m.commit(confirmed=True, persist="tkav-token")
-        self.m.close_session()
-        self.m = self.daemon.connect()
-        self.assertEqual(texts(self.running(), "description"), ["persistent"])
-        self.m.commit(persist_id="tkav-token")
-        with self.assertRaises(RPCError):  # nothing left to cancel
-            self.m.cancel_commit(persist_id="tkav-token")
-        self.assertEqual(texts(self.running(), "description"), ["persistent"])
+    def test_who_settles_a_confirmed_commit(self):
+        m, other = self.m, self.session()
+        m.edit_config(target="running", config=described("before"))
+        m.edit_config(target="candidate", config=described("first"))
+        m.commit(confirmed=True, timeout=str(SLOW))
+        m.edit_config(target="candidate", config=described("second"))
+        m.commit(confirmed=True, timeout="60")  # a follow-up restarts the timer with its own timeout
+        time.sleep(1.5 * SLOW)
+        steps = [  # (request, error tag)
+            (lambda: self.assertEqual(self.description(), ["second"]), None),
+            (lambda: other.commit(), "in-use"),
+            (lambda: other.cancel_commit(), "in-use"),
+            (lambda: m.cancel_commit(persist_id="token"), "invalid-value"),
+            (lambda: m.cancel_commit(), None),  # back to before the first confirmed commit
+            (lambda: self.assertEqual(self.description(), ["before"]), None),
+            (lambda: m.cancel_commit(), "operation-failed"),  # none pending
+            (lambda: m.edit_config(target="candidate", config=described("persistent")), None),
+            (lambda: m.commit(confirmed=True, persist="token"), None),
+            (lambda: m.close_session(), None),  # with persist, the end of the session changes nothing
+            (lambda: other.commit(persist_id="wrong"), "invalid-value"),
+            (lambda: other.commit(), "invalid-value"),
+            (lambda: other.commit(persist_id="token"), None),
+            (lambda: other.commit(persist_id="token"), "invalid-value"),  # none pending
+            (lambda: self.assertEqual(texts(other.get_config(source="running").data_xml, "description"),
+                                      ["persistent"]), None),
+        ]
+        for number, (request, tag) in enumerate(steps):
+            with self.subTest(step=number):
+                self.assertEqual(error_tag(request), tag)
 
     def test_cancel_commit_and_the_end_of_the_session_roll_back(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
-        running, appliance = self.running(), self.appliance_configuration()
+        running, appliance, _ = self.snapshot()
         self.m.edit_config(target="candidate", config=described("cancelled"))
         self.m.commit(confirmed=True)
         self.m.cancel_commit()
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.appliance_configuration(), appliance)
-
+        self.assertEqual(self.snapshot()[:2], (running, appliance))
         other = self.daemon.connect()
         other.edit_config(target="candidate", config=described("abandoned"))
         other.commit(confirmed=True)
-        self.assertEqual(texts(self.running(), "description"), ["abandoned"])
+        self.assertEqual(self.description(), ["abandoned"])
         other.close_session()
         self.wait_for(lambda: self.running() == running, "the end of the session did not roll back")
         self.assertEqual(self.appliance_configuration(), appliance)
-
-    def test_the_staged_example_client_confirms_and_sees_a_revert(self):
-        run = subprocess.run([sys.executable, os.path.join(EXAMPLES, "client", "staged-commit.py"),
-                              "--port", str(self.daemon.port), "--password", "s3cret", "--confirm-timeout",
-                              str(2 * SLOW)], capture_output=True, text=True, timeout=300)
-        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
-        self.assertIn("the daemon restored the configuration", run.stdout)
-        self.assertEqual(texts(self.running(), "description"), ["confirmed change"])
-
-    def test_yangcli_stages_in_the_candidate_and_commits(self):
-        home = tempfile.mkdtemp(dir=self.daemon.dir)  # yangcli keeps its history there
-        run = subprocess.run(["yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}",
-                              "--user=admin", "--password=s3cret",
-                              "--run-script=" + os.path.join(EXAMPLES, "client", "candidate-commit.yangcli")],
-                             env={**os.environ, "HOME": home}, stdin=subprocess.DEVNULL, capture_output=True,
-                             text=True, timeout=SLOW * 60)
-        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
-        self.assertNotIn("rpc-error", run.stdout)
-        for configuration in (self.running(), self.appliance_configuration()):
-            self.assertEqual(texts(configuration, "description"), ["staged by yangcli"])
-            self.assertEqual(texts(configuration, "heuristic-detect-enable"), ["true"])
 
     def test_zz_boot_from_startup_brings_running_and_the_appliance_to_it(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
@@ -601,9 +683,7 @@ class NcclientTest(unittest.TestCase):
         startup, appliance = self.running("startup"), self.appliance_configuration()
         self.m.edit_config(target="running", config=described("edited after saving"))
         self.m.close_session()
-        self.assertEqual(self.daemon.stop(), 0, self.daemon.log())
-        self.daemon.start(["--boot-from-startup", "yes"])
-        self.m = self.daemon.connect()
+        self.assertEqual(self.restart(self.daemon.stop, ["--boot-from-startup", "yes"]), 0, self.daemon.log())
         self.assertEqual(self.running(), startup)
         self.assertEqual(self.appliance_configuration(), appliance)
         self.m.delete_config(target="startup")
@@ -611,31 +691,21 @@ class NcclientTest(unittest.TestCase):
 
     def test_zz_a_confirmed_commit_pending_at_a_restart_is_rolled_back(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
-        running, appliance = self.running(), self.appliance_configuration()
+        running, appliance, _ = self.snapshot()
         self.m.edit_config(target="candidate", config=described("pending"))
         self.m.commit(confirmed=True, persist="across-restarts")
-        self.daemon.kill()
-        self.daemon.start()
-        self.m = self.daemon.connect()
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.appliance_configuration(), appliance)
-        with self.assertRaises(RPCError):  # it is over
-            self.m.commit(persist_id="across-restarts")
+        self.restart(self.daemon.kill)
+        self.assertEqual(self.snapshot()[:2], (running, appliance))
+        self.assertEqual(error_tag(self.m.commit, persist_id="across-restarts"), "invalid-value")  # it is over
         self.assertIn("a confirmed commit was pending when the daemon stopped", self.daemon.log())
 
     def test_zz_restart_keeps_the_configuration(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
         self.write_nacm(READ_ONLY)
-        running, appliance = self.running(), self.appliance_configuration()
-        self.m.close_session()
-        self.m = self.daemon.connect()  # still connected when the daemon stops
-        self.m.lock(target="running")
-        status = self.daemon.stop()
-        self.daemon.start()
-        self.assertEqual(status, 0, self.daemon.log())
-        self.m = self.daemon.connect()
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.appliance_configuration(), appliance)
+        running, appliance, _ = self.snapshot()
+        self.m.lock(target="running")  # still connected and holding the lock when the daemon stops
+        self.assertEqual(self.restart(self.daemon.stop), 0, self.daemon.log())
+        self.assertEqual(self.snapshot()[:2], (running, appliance))
 
 
 def main():

@@ -6,13 +6,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <csignal>
 #include <fstream>
-#include <mutex>
-#include <utility>
 
 #include "print_tree.hpp"
 #include "atomic_file.hpp"
@@ -194,12 +191,6 @@ TEST_F(FileTest, AStateThatDoesNotReadIsNamedAndKept) {
     }
 }
 
-TEST_F(FileTest, MakeDirectoriesCreatesTheMissingParents) {
-    make_directories(dir + "/a/b/c");
-    EXPECT_TRUE(std::filesystem::is_directory(dir + "/a/b/c"));
-    make_directories(dir + "/a/b/c");  // existing: fine
-}
-
 class DatastoreTest : public FileTest {
 protected:
     DatastoreOptions options() const {
@@ -211,19 +202,11 @@ protected:
     }
     // An edit-config merging `config` (text, read by the store as the server
     // reads <config>).
-    static std::optional<RpcError> edit(Datastore& store, std::string_view config, std::uint32_t session = 1,
-                                        TestOption test = TestOption::TestThenSet,
-                                        DatastoreId target = DatastoreId::Running) {
+    static std::optional<RpcError> edit(Datastore& store, std::string_view config,
+                                        TestOption test = TestOption::TestThenSet) {
         const engine::ParsedXml parsed = store.parse(config);
         if (parsed.error) return parsed.error;
-        return store.edit(session, {parsed.tree.get(), engine::DefaultOperation::Merge, test, target});
-    }
-    // copy-config of inline <config>.
-    static std::optional<RpcError> copy(Datastore& store, std::string_view config, DatastoreId target,
-                                        std::uint32_t session = 1) {
-        const engine::ParsedXml parsed = store.parse(config);
-        if (parsed.error) return parsed.error;
-        return store.copy(session, target, ConfigSource{std::nullopt, parsed.tree.get()});
+        return store.edit(1, {parsed.tree.get(), engine::DefaultOperation::Merge, test, DatastoreId::Running});
     }
     static std::string profile(std::string_view description) {
         return "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys><name>vs1</name><profiles>"
@@ -244,32 +227,12 @@ std::string running_text(Datastore& store) {
     return out;
 }
 
-TEST_F(DatastoreTest, ACommittedEditSurvivesANewDatastore) {
-    std::string running;
-    {
-        Datastore store(options());
-        EXPECT_EQ(edit(store, kProfile), std::nullopt);
-        running = running_text(store);
-        EXPECT_NE(running.find("kept"), std::string::npos);
-        // Checks leave the snapshot alone.
-        EXPECT_EQ(edit(store, kProfile, 1, TestOption::TestOnly), std::nullopt);
-    }
-    EXPECT_EQ(StateStore(dir, false).load().journal.size(), 1u);  // the test-only edit wrote nothing
-
-    Datastore again(options());
-    EXPECT_EQ(running_text(again), running);
-    const Reading reading = again.read(nullptr, ReadRequest{false, true});
-    ASSERT_TRUE(reading.platform.configuration);
-    EXPECT_NE(reading.platform.configuration->find("kept"), std::string::npos);
-}
-
-TEST_F(DatastoreTest, ARefusedEditWritesNothing) {
+TEST_F(DatastoreTest, ARefusedOrTestOnlyEditWritesNothing) {
     Datastore store(options());
     ASSERT_EQ(edit(store, kProfile), std::nullopt);
     const std::string journal = file_text(dir + "/journal");
-    const auto error = edit(store, "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"><vsys>"
-                                          "<name>vs1</name><profiles><profile><name>p1</name><description>?"
-                                          "</description></profile></profiles></vsys></antivirus>");
+    EXPECT_EQ(edit(store, profile("tested"), TestOption::TestOnly), std::nullopt);
+    const auto error = edit(store, profile("?"));
     ASSERT_TRUE(error);
     EXPECT_EQ(error->tag, engine::ErrorTag::BadElement);
     EXPECT_EQ(file_text(dir + "/journal"), journal);
@@ -299,119 +262,6 @@ TEST_F(DatastoreTest, AnEditThatCannotBeSavedIsUndone) {
     EXPECT_NE(reading.platform.configuration->find("kept"), std::string::npos) << *reading.platform.configuration;
     EXPECT_EQ(file_text(dir + "/journal"), journal);
     EXPECT_EQ(edit(store, changed), std::nullopt);  // and the next commit goes on from there
-}
-
-TEST_F(DatastoreTest, TheLockBelongsToOneSessionUntilItEnds) {
-    Datastore store(options());
-    const auto holder = [&] { return store.datastores().at(0).lock_holder; };
-    ASSERT_EQ(store.datastores().size(), 3u);
-    EXPECT_EQ(store.datastores()[0].name, "running");
-    EXPECT_EQ(holder(), 0u);
-    const auto before = std::chrono::system_clock::now();
-    EXPECT_FALSE(store.lock(7));
-    EXPECT_EQ(holder(), 7u);
-    EXPECT_GE(store.datastores()[0].locked_since, before);
-    EXPECT_EQ(store.lock(8)->session, 7u);
-    EXPECT_EQ(edit(store, kProfile, 8)->tag, engine::ErrorTag::InUse);
-    EXPECT_FALSE(store.unlock(8));
-    EXPECT_EQ(edit(store, kProfile, 7), std::nullopt);
-    store.session_ended(7);
-    EXPECT_EQ(holder(), 0u);
-    EXPECT_FALSE(store.lock(8));
-    EXPECT_TRUE(store.unlock(8));
-}
-
-// What a listener heard, one line per call.
-class RecordingListener final : public DatastoreListener {
-public:
-    void running_changed(std::uint32_t session, std::optional<DatastoreId> source,
-                         const std::vector<engine::ChangedNode>& changes) override {
-        add("running " + std::to_string(session) + " " + (source ? std::string(name_of(*source)) : "-") +
-            (changes.empty() ? " without changes" : ""));
-    }
-    void confirmed_commit(ConfirmedCommitEvent event, std::uint32_t session, std::chrono::seconds timeout) override {
-        static constexpr const char* kEvents[] = {"start", "extend", "confirm", "cancel", "timeout"};
-        add(std::string(kEvents[static_cast<int>(event)]) + " " + std::to_string(session) + " " +
-            std::to_string(timeout.count()));
-    }
-    // What was heard since the last call; first waits up to 30 s for `count` calls.
-    std::vector<std::string> take(std::size_t count = 0) {
-        std::unique_lock lock(mutex_);
-        heard_signal_.wait_for(lock, std::chrono::seconds(30), [&] { return heard_.size() >= count; });
-        return std::exchange(heard_, {});
-    }
-
-private:
-    void add(std::string line) {
-        std::lock_guard lock(mutex_);
-        heard_.push_back(std::move(line));
-        heard_signal_.notify_all();
-    }
-    std::mutex mutex_;
-    std::condition_variable heard_signal_;
-    std::vector<std::string> heard_;
-};
-
-using Heard = std::vector<std::string>;
-
-TEST_F(DatastoreTest, TheListenerHearsOfEveryChangeOfTheRunningConfigurationAndEveryConfirmedCommit) {
-    RecordingListener listener;
-    DatastoreOptions with_listener = options();
-    with_listener.listener = &listener;
-    const auto stage = [](Datastore& store, const char* description) {
-        return edit(store, profile(description), 9, TestOption::TestThenSet, DatastoreId::Candidate);
-    };
-    const auto confirmed = [](std::chrono::seconds timeout, std::optional<std::string> persist = {}) {
-        return CommitRequest{true, timeout, std::move(persist), std::nullopt};
-    };
-    {
-        Datastore store(with_listener);
-        EXPECT_EQ(edit(store, profile("one")), std::nullopt);
-        EXPECT_EQ(edit(store, profile("one")), std::nullopt);  // changes nothing
-        EXPECT_EQ(edit(store, profile("two"), 1, TestOption::TestOnly), std::nullopt);
-        EXPECT_EQ(listener.take(), (Heard{"running 1 running"}));
-
-        EXPECT_EQ(stage(store, "two"), std::nullopt);
-        EXPECT_EQ(listener.take(), Heard{});
-        EXPECT_EQ(store.commit(2, {}), std::nullopt);
-        EXPECT_EQ(copy(store, profile("three"), DatastoreId::Running, 3), std::nullopt);
-        EXPECT_EQ(store.copy(3, DatastoreId::Startup, {DatastoreId::Running}), std::nullopt);
-        EXPECT_EQ(copy(store, profile("four"), DatastoreId::Running, 3), std::nullopt);
-        EXPECT_EQ(store.copy(3, DatastoreId::Running, {DatastoreId::Startup}), std::nullopt);
-        EXPECT_EQ(listener.take(), (Heard{"running 2 candidate", "running 3 -", "running 3 -", "running 3 startup"}));
-
-        EXPECT_EQ(stage(store, "five"), std::nullopt);
-        EXPECT_EQ(store.commit(4, confirmed(std::chrono::seconds(60))), std::nullopt);
-        EXPECT_EQ(store.commit(4, confirmed(std::chrono::seconds(30))), std::nullopt);
-        EXPECT_EQ(store.commit(4, {}), std::nullopt);
-        EXPECT_EQ(listener.take(), (Heard{"running 4 candidate", "start 4 60", "extend 4 30", "confirm 4 0"}));
-
-        EXPECT_EQ(stage(store, "six"), std::nullopt);
-        EXPECT_EQ(store.commit(4, confirmed(std::chrono::seconds(60))), std::nullopt);
-        EXPECT_EQ(store.cancel_commit(4, std::nullopt), std::nullopt);
-        EXPECT_EQ(stage(store, "seven"), std::nullopt);
-        EXPECT_EQ(store.commit(5, confirmed(std::chrono::seconds(60))), std::nullopt);
-        store.session_ended(5);
-        EXPECT_EQ(listener.take(), (Heard{"running 4 candidate", "start 4 60", "running 4 -", "cancel 4 0",
-                                          "running 5 candidate", "start 5 60", "running 5 -", "cancel 5 0"}));
-
-        EXPECT_EQ(stage(store, "eight"), std::nullopt);
-        EXPECT_EQ(store.commit(6, confirmed(std::chrono::seconds(1))), std::nullopt);
-        EXPECT_EQ(listener.take(4), (Heard{"running 6 candidate", "start 6 1", "running 0 -", "timeout 0 0"}));
-        EXPECT_NE(running_text(store).find("five"), std::string::npos);
-
-        // The daemon stops with a persistent confirmed commit pending.
-        EXPECT_EQ(stage(store, "nine"), std::nullopt);
-        EXPECT_EQ(store.commit(7, confirmed(std::chrono::seconds(60), "p")), std::nullopt);
-        listener.take();
-    }
-    // At the next start it is rolled back, then the startup configuration
-    // becomes the running one.
-    with_listener.boot_from_startup = true;
-    Datastore again(with_listener);
-    EXPECT_EQ(listener.take(), (Heard{"running 0 -", "cancel 0 0", "running 0 startup"}));
-    EXPECT_NE(running_text(again).find("three"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(dir + "/confirmed-commit.xml"));
 }
 
 TEST_F(DatastoreTest, AStartupConfigurationThatIsRefusedKeepsTheRunningOne) {

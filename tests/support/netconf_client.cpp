@@ -62,42 +62,16 @@ std::string child_value(const lyd_node* parent, std::string_view name) {
 void read_errors(const lyd_node* node, Reply& reply) {
     for (; node; node = node->next) {
         const std::string_view name = LYD_NAME(node);
-        if (name == "ok") reply.ok = true;
+        reply.ok |= name == "ok";
         if (name != "rpc-error") {
             read_errors(lyd_child(node), reply);
             continue;
         }
-        ErrorReport report{child_value(node, "error-type"), child_value(node, "error-tag"),
-                           child_value(node, "error-message"), child_value(node, "error-path"),
-                           child_value(node, "error-app-tag"), {}, {}};
-        for (const lyd_node* c = lyd_child(node); c; c = c->next) {
-            if (std::string_view(LYD_NAME(c)) != "error-info") continue;
-            report.session_id = child_value(c, "session-id");
-            for (const lyd_node* i = lyd_child(c); i; i = i->next)
-                if (std::string_view(LYD_NAME(i)) == "bad-element") report.bad_elements.push_back(lyd_get_value(i));
-        }
+        ErrorReport report{child_value(node, "error-tag"), child_value(node, "error-message"), {}};
+        for (const lyd_node* c = lyd_child(node); c; c = c->next)
+            if (std::string_view(LYD_NAME(c)) == "error-info") report.session_id = child_value(c, "session-id");
         reply.errors.push_back(report);
     }
-}
-
-template <typename T>
-T* enum_value(std::string_view text, std::initializer_list<std::pair<std::string_view, T>> table, T& out) {
-    for (const auto& [name, value] : table)
-        if (name == text) {
-            out = value;
-            return &out;
-        }
-    return nullptr;
-}
-
-NC_DATASTORE datastore_named(std::string_view name) {
-    NC_DATASTORE out = NC_DATASTORE_ERROR;
-    if (!enum_value<NC_DATASTORE>(name, {{"running", NC_DATASTORE_RUNNING},
-                                         {"candidate", NC_DATASTORE_CANDIDATE},
-                                         {"startup", NC_DATASTORE_STARTUP}},
-                                  out))
-        ADD_FAILURE() << "no datastore " << name;
-    return out;
 }
 
 // Walks the elements of an XML text (several top-level elements allowed).
@@ -166,18 +140,11 @@ std::unique_ptr<Client> Client::inout(int from_server, int to_server) {
 
 std::uint32_t Client::id() const { return nc_session_get_id(session_); }
 
-std::vector<std::string> Client::capabilities() const {
-    std::vector<std::string> out;
-    for (const char* const* c = nc_session_get_cpblts(session_); c && *c; ++c) out.emplace_back(*c);
-    return out;
-}
-
 Reply Client::send(nc_rpc* rpc) {
     Reply reply;
     std::uint64_t msgid = 0;
     if (!rpc || nc_send_rpc(session_, rpc, 10000, &msgid) != NC_MSG_RPC) {
         nc_rpc_free(rpc);
-        reply.transport_failed = true;
         return reply;
     }
     lyd_node* envp = nullptr;
@@ -186,9 +153,7 @@ Reply Client::send(nc_rpc* rpc) {
     do {
         type = nc_recv_reply(session_, rpc, msgid, 60000, &envp, &op);
     } while (type == NC_MSG_NOTIF);
-    if (type != NC_MSG_REPLY) {
-        reply.transport_failed = true;
-    } else {
+    if (type == NC_MSG_REPLY) {
         read_errors(envp, reply);
         for (const lyd_node* c = op ? lyd_child(op) : nullptr; c; c = c->next)
             if (std::string_view(LYD_NAME(c)) == "data") reply.data = any_text(c);
@@ -199,34 +164,14 @@ Reply Client::send(nc_rpc* rpc) {
     return reply;
 }
 
-Reply Client::edit(std::string_view config, std::string_view default_operation, std::string_view test_option,
-                   std::string_view error_option, std::string_view target) {
-    NC_RPC_EDIT_DFLTOP dflt = NC_RPC_EDIT_DFLTOP_UNKNOWN;
-    NC_RPC_EDIT_TESTOPT test = NC_RPC_EDIT_TESTOPT_UNKNOWN;
-    NC_RPC_EDIT_ERROPT err = NC_RPC_EDIT_ERROPT_UNKNOWN;
-    enum_value<NC_RPC_EDIT_DFLTOP>(default_operation,
-                                   {{"merge", NC_RPC_EDIT_DFLTOP_MERGE},
-                                    {"replace", NC_RPC_EDIT_DFLTOP_REPLACE},
-                                    {"none", NC_RPC_EDIT_DFLTOP_NONE}},
-                                   dflt);
-    enum_value<NC_RPC_EDIT_TESTOPT>(test_option,
-                                    {{"test-then-set", NC_RPC_EDIT_TESTOPT_TESTSET},
-                                     {"set", NC_RPC_EDIT_TESTOPT_SET},
-                                     {"test-only", NC_RPC_EDIT_TESTOPT_TEST}},
-                                    test);
-    enum_value<NC_RPC_EDIT_ERROPT>(error_option,
-                                   {{"stop-on-error", NC_RPC_EDIT_ERROPT_STOP},
-                                    {"continue-on-error", NC_RPC_EDIT_ERROPT_CONTINUE},
-                                    {"rollback-on-error", NC_RPC_EDIT_ERROPT_ROLLBACK}},
-                                   err);
+Reply Client::edit(std::string_view config, std::string_view target) {
     const std::string content(config);
-    return send(nc_rpc_edit(datastore_named(target), dflt, test, err, content.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
+    return send(nc_rpc_edit(target == "candidate" ? NC_DATASTORE_CANDIDATE : NC_DATASTORE_RUNNING, NC_RPC_EDIT_DFLTOP_MERGE, NC_RPC_EDIT_TESTOPT_TESTSET,
+                            NC_RPC_EDIT_ERROPT_UNKNOWN, content.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
 }
 
-Reply Client::get_config(std::string_view filter, std::string_view source) {
-    const std::string f(filter);
-    return send(nc_rpc_getconfig(datastore_named(source), f.empty() ? nullptr : f.c_str(), NC_WD_UNKNOWN,
-                                 NC_PARAMTYPE_DUP_AND_FREE));
+Reply Client::get_config() {
+    return send(nc_rpc_getconfig(NC_DATASTORE_RUNNING, nullptr, NC_WD_UNKNOWN, NC_PARAMTYPE_CONST));
 }
 
 Reply Client::get(std::string_view filter) {
@@ -234,75 +179,29 @@ Reply Client::get(std::string_view filter) {
     return send(nc_rpc_get(f.empty() ? nullptr : f.c_str(), NC_WD_UNKNOWN, NC_PARAMTYPE_DUP_AND_FREE));
 }
 
-Reply Client::lock(std::string_view datastore) { return send(nc_rpc_lock(datastore_named(datastore))); }
-Reply Client::unlock(std::string_view datastore) { return send(nc_rpc_unlock(datastore_named(datastore))); }
-Reply Client::kill(std::uint32_t session) { return send(nc_rpc_kill(session)); }
+Reply Client::lock() { return send(nc_rpc_lock(NC_DATASTORE_RUNNING)); }
+Reply Client::commit() { return send(nc_rpc_commit(0, 0, nullptr, nullptr, NC_PARAMTYPE_CONST)); }
 
-Reply Client::validate(std::string_view config) {
-    const std::string c(config);
-    if (c.empty()) return send(nc_rpc_validate(NC_DATASTORE_RUNNING, nullptr, NC_PARAMTYPE_CONST));
-    return send(nc_rpc_validate(NC_DATASTORE_CONFIG, c.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
+Reply Client::close() {
+    return send(nc_rpc_act_generic_xml("<close-session xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>",
+                                       NC_PARAMTYPE_CONST));
 }
 
-Reply Client::validate_datastore(std::string_view source) {
-    return send(nc_rpc_validate(datastore_named(source), nullptr, NC_PARAMTYPE_CONST));
-}
-
-Reply Client::copy_config(std::string_view config, std::string_view target) {
-    const std::string c(config);
-    return send(nc_rpc_copy(datastore_named(target), nullptr, NC_DATASTORE_CONFIG, c.c_str(), NC_WD_UNKNOWN,
-                            NC_PARAMTYPE_DUP_AND_FREE));
-}
-
-Reply Client::copy(std::string_view target, std::string_view source) {
-    return send(nc_rpc_copy(datastore_named(target), nullptr, datastore_named(source), nullptr, NC_WD_UNKNOWN,
-                            NC_PARAMTYPE_CONST));
-}
-
-Reply Client::delete_startup() { return send(nc_rpc_delete(NC_DATASTORE_STARTUP, nullptr, NC_PARAMTYPE_CONST)); }
-
-Reply Client::commit(bool confirmed, std::uint32_t timeout, std::string_view persist, std::string_view persist_id) {
-    const std::string p(persist), id(persist_id);
-    return send(nc_rpc_commit(confirmed, timeout, p.empty() ? nullptr : p.c_str(), id.empty() ? nullptr : id.c_str(),
-                              NC_PARAMTYPE_DUP_AND_FREE));
-}
-
-Reply Client::cancel_commit(std::string_view persist_id) {
-    const std::string id(persist_id);
-    return send(nc_rpc_cancel(id.empty() ? nullptr : id.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
-}
-
-Reply Client::discard_changes() { return send(nc_rpc_discard()); }
-
-Reply Client::get_schema(std::string_view identifier, std::string_view version, std::string_view format) {
-    const std::string i(identifier), v(version), f(format);
-    return send(nc_rpc_getschema(i.c_str(), v.empty() ? nullptr : v.c_str(), f.empty() ? nullptr : f.c_str(),
-                                 NC_PARAMTYPE_DUP_AND_FREE));
-}
-
-Reply Client::rpc(std::string_view xml) {
-    const std::string x(xml);
-    return send(nc_rpc_act_generic_xml(x.c_str(), NC_PARAMTYPE_DUP_AND_FREE));
-}
-
-Reply Client::close() { return rpc("<close-session xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>"); }
-
-std::string Client::running(std::string_view datastore) {
-    const Reply reply = get_config({}, datastore);
+std::string Client::running() {
+    const Reply reply = get_config();
     EXPECT_TRUE(reply.data) << "no <data> in the get-config reply";
     return reply.data.value_or("");
 }
 
-std::string Client::appliance_configuration() {
-    const Reply reply = get(appliance_filter("<running-configuration/>"));
+// A leaf of the daemon's own <appliance> state.
+static std::optional<std::string> appliance_leaf(Client& client, const std::string& name) {
+    const Reply reply = client.get("<appliance xmlns=\"" + std::string(kDaemonNs) + "\"><" + name + "/></appliance>");
     EXPECT_TRUE(reply.data) << "no <data> in the get reply";
-    return element_text(reply.data.value_or(""), "running-configuration").value_or("");
+    return element_text(reply.data.value_or(""), name);
 }
 
-std::uint64_t Client::lines_received() {
-    const Reply reply = get(appliance_filter("<lines-received/>"));
-    return std::stoull(element_text(reply.data.value_or(""), "lines-received").value_or("0"));
-}
+std::string Client::appliance_configuration() { return appliance_leaf(*this, "running-configuration").value_or(""); }
+std::uint64_t Client::lines_received() { return std::stoull(appliance_leaf(*this, "lines-received").value_or("0")); }
 
 // ---- RawSession ---------------------------------------------------------------
 
@@ -385,13 +284,11 @@ std::string antivirus(std::string_view body) {
     return "<antivirus xmlns=\"" + std::string(kModelNs) + "\">" + std::string(body) + "</antivirus>";
 }
 
-std::string profile_edit(std::string_view profile_body, std::string_view profile_attributes) {
-    return antivirus("<vsys><name>vs1</name><profiles><profile" + std::string(profile_attributes) + ">" +
-                     std::string(profile_body) + "</profile></profiles></vsys>");
-}
-
-std::string appliance_filter(std::string_view inner) {
-    return "<appliance xmlns=\"" + std::string(kDaemonNs) + "\">" + std::string(inner) + "</appliance>";
+std::string profile_edit(std::string_view name, std::string_view body, std::string_view operation) {
+    const std::string attribute = operation.empty() ? "" : " xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\""
+                                                           " nc:operation=\"" + std::string(operation) + "\"";
+    return antivirus("<vsys><name>vs1</name><profiles><profile" + attribute + "><name>" + std::string(name) +
+                     "</name>" + std::string(body) + "</profile></profiles></vsys>");
 }
 
 std::optional<std::string> element_text(std::string_view xml, std::string_view name) {

@@ -21,15 +21,13 @@ inline constexpr const char* kModelNs = "urn:tavrik:params:xml:ns:yang:tavrik-an
 inline constexpr const char* kDaemonNs = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd";
 
 struct ErrorReport {
-    std::string type, tag, message, path, app_tag, session_id;
-    std::vector<std::string> bad_elements;
+    std::string tag, message, session_id;
 };
 
 struct Reply {
     bool ok = false;                   // <ok/>
     std::optional<std::string> data;   // the content of <data>, as XML text
-    std::vector<ErrorReport> errors;   // <rpc-error>s
-    bool transport_failed = false;     // no reply at all
+    std::vector<ErrorReport> errors;   // <rpc-error>s; none, no <ok/>, no data: no reply
 
     const ErrorReport& error() const;  // the first; fails the test when none
 };
@@ -47,36 +45,18 @@ public:
     static std::unique_ptr<Client> inout(int from_server, int to_server);
 
     std::uint32_t id() const;
-    std::vector<std::string> capabilities() const;
 
-    // Datastores are named "running", "candidate" or "startup".
     Reply send(nc_rpc* rpc);  // takes the RPC
-    Reply edit(std::string_view config, std::string_view default_operation = "merge",
-               std::string_view test_option = "test-then-set", std::string_view error_option = "",
-               std::string_view target = "running");
-    Reply get_config(std::string_view filter = {}, std::string_view source = "running");
+    Reply edit(std::string_view config, std::string_view target = "running");  // merge; or "candidate"
+    Reply get_config();  // of running
     Reply get(std::string_view filter = {});
-    Reply lock(std::string_view datastore = "running");
-    Reply unlock(std::string_view datastore = "running");
-    Reply kill(std::uint32_t session);
-    Reply validate(std::string_view config);  // empty: the running configuration
-    Reply validate_datastore(std::string_view source);
-    Reply copy_config(std::string_view config, std::string_view target = "running");  // inline <config>
-    Reply copy(std::string_view target, std::string_view source);                     // datastores
-    Reply delete_startup();
-    // timeout 0: none given.
-    Reply commit(bool confirmed = false, std::uint32_t timeout = 0, std::string_view persist = {},
-                 std::string_view persist_id = {});
-    Reply cancel_commit(std::string_view persist_id = {});
-    Reply discard_changes();
-    Reply get_schema(std::string_view identifier, std::string_view version = {}, std::string_view format = {});
-    Reply rpc(std::string_view xml);  // any RPC given as XML
+    Reply lock();
+    Reply commit();
     Reply close();
 
-    // The running configuration (or another datastore's) and the
-    // appliance's configuration (as the module reads it), each as XML text
-    // ("" when empty).
-    std::string running(std::string_view datastore = "running");
+    // The running configuration and the appliance's configuration (as the
+    // module reads it), each as XML text ("" when empty).
+    std::string running();
     std::string appliance_configuration();
     std::uint64_t lines_received();
 
@@ -114,13 +94,9 @@ private:
 
 // The model's configuration wrapped for an edit: <antivirus> with `body`.
 std::string antivirus(std::string_view body);
-// An edit of profile p1 in vsys vs1: `profile_body` within <profile>, which
-// carries `profile_attributes`.
-std::string profile_edit(std::string_view profile_body, std::string_view profile_attributes = {});
-// The start of an ietf-netconf operation attribute: kNcOperation + "\"delete\"".
-inline constexpr const char* kNcOperation = " xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:operation=";
-// A subtree filter element of the daemon's own model.
-std::string appliance_filter(std::string_view inner = {});
+// An edit of profile `name` in vsys vs1: `body` after its name, the
+// profile carrying `operation` ("" none).
+std::string profile_edit(std::string_view name, std::string_view body = {}, std::string_view operation = {});
 
 // Text of the first element `name` in `xml` (namespace prefixes ignored);
 // nullopt when there is none.

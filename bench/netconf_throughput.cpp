@@ -44,7 +44,7 @@ int main(int argc, char* argv[]) {
     const auto edit = [&](int i, const char* target) {
         return client->edit(antivirus("<vsys><name>bench</name><profiles><profile><name>p</name><description>d" +
                                       std::to_string(i) + "</description></profile></profiles></vsys>"),
-                            "merge", "test-then-set", "", target);
+                            target);
     };
     const auto measure = [&](const char* what, const std::function<Reply(int)>& change) -> double {
         const auto start = std::chrono::steady_clock::now();

@@ -67,11 +67,13 @@ AV_EXPORT unsigned int AV_IsContainedSpacesMarks(char* pcSrc) {
 AV_EXPORT unsigned int AV_netconf_checkNodeName(const char* pcNodeContent, char* pcNodeTmp, char* pcNodeOutName,
                                                 unsigned int uiLength) {
     if (AV_Strstrip(pcNodeContent, pcNodeTmp, static_cast<int>(uiLength)) == nullptr) {
-        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }
-    snprintf_s(pcNodeOutName, uiLength, uiLength - 1, AV_IsContainedSpaces(pcNodeTmp) == 0 ? "\"%s\"" : "%s",
-               pcNodeTmp);
+    if (AV_IsContainedSpaces(pcNodeTmp) == 0)
+        snprintf_s(pcNodeOutName, uiLength, uiLength - 1, "\"%s\"", pcNodeTmp);
+    else
+        av::copyCut(pcNodeOutName, uiLength, pcNodeTmp);
     return 0;
 }
 

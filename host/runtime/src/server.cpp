@@ -1,5 +1,4 @@
 // Server functions that configuration modules call while handling a change.
-#include <cstring>
 #include <deque>
 #include <string>
 
@@ -87,7 +86,7 @@ extern "C" const char* priority_transapi_find_parent_key_node_content(int level,
         if (ancestor == nullptr || ancestor->type != XML_ELEMENT_NODE) return nullptr;
     }
     for (xmlNode* c = ancestor->children; c != nullptr; c = c->next) {
-        if (c->type == XML_ELEMENT_NODE && std::strcmp(reinterpret_cast<const char*>(c->name), key) == 0)
+        if (c->type == XML_ELEMENT_NODE && xmlStrEqual(c->name, reinterpret_cast<const xmlChar*>(key)))
             return content_of(c);
     }
     return nullptr;

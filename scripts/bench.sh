@@ -8,6 +8,10 @@
 # Debian when missing).
 #
 #   scripts/bench.sh [--baseline] [Google Benchmark flags...]   e.g. --benchmark_filter=create/
+#   scripts/bench.sh --handlers [Google Benchmark flags...]
+#
+# --handlers runs the handler benchmark alone: its per-handler table (each
+# change handler, added and removed, against the floor the frame prescribes).
 #
 # --baseline also builds the daemon of commit 2c200d0 (before edits cost what
 # they change) from `git archive` in BENCH_BUILD_DIR/baseline-src and runs the
@@ -18,11 +22,23 @@ cd "$(dirname "$0")/.."
 dir=${BENCH_BUILD_DIR:-build-bench}
 baseline_commit=2c200d0
 baseline=0
+handlers_only=0
 args=()
 for arg in "$@"; do
-  if [[ $arg == --baseline ]]; then baseline=1; else args+=("$arg"); fi
+  case $arg in
+    --baseline) baseline=1 ;;
+    --handlers) handlers_only=1 ;;
+    *) args+=("$arg") ;;
+  esac
 done
 cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Release >/dev/null
+if ((handlers_only)); then
+  cmake --build "$dir" -j2 --target handler_bench
+  echo "== $(nproc) cores; load before:$(uptime | sed 's/.*load average://')"
+  "$dir/bench/handler_bench" "${args[@]}"
+  echo "== load after:$(uptime | sed 's/.*load average://')"
+  exit 0
+fi
 cmake --build "$dir" -j2 --target handler_bench engine_bench netconf_bench tkav-netconfd
 if ((baseline)); then
   src=$dir/baseline-src

@@ -35,6 +35,26 @@ std::deque<std::string>& joined_texts() {
 bool is_text(const xmlNode* n) {
     return n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE;
 }
+
+// The text of `node` (see get_node_content): a single text child in place,
+// several joined and kept until release_texts().
+const char* content_of(const xmlNode* node) {
+    const xmlNode* only = node->children;
+    if (only != nullptr && only->next == nullptr && is_text(only)) return reinterpret_cast<const char*>(only->content);
+    only = nullptr;
+    int texts = 0;
+    for (const xmlNode* c = node->children; c != nullptr; c = c->next) {
+        if (is_text(c)) {
+            if (texts++ == 0) only = c;
+        }
+    }
+    if (texts == 0) return nullptr;
+    if (texts == 1) return reinterpret_cast<const char*>(only->content);
+    std::string joined;
+    for (const xmlNode* c = node->children; c != nullptr; c = c->next)
+        if (is_text(c) && c->content != nullptr) joined += reinterpret_cast<const char*>(c->content);
+    return joined_texts().emplace_back(std::move(joined)).c_str();
+}
 }  // namespace
 
 void release_texts() { joined_texts().clear(); }
@@ -56,22 +76,7 @@ extern "C" XMLDIFF_OP priority_transapi_find_parent_op_by_xmldiff(void** data, i
     return static_cast<XMLDIFF_OP>(static_cast<const EditContext*>(*data)->parentOp(level));
 }
 
-extern "C" const char* get_node_content(xmlNodePtr node) {
-    if (node == nullptr) return nullptr;
-    xmlNode* only = nullptr;
-    int texts = 0;
-    for (xmlNode* c = node->children; c != nullptr; c = c->next) {
-        if (is_text(c)) {
-            if (texts++ == 0) only = c;
-        }
-    }
-    if (texts == 0) return nullptr;
-    if (texts == 1) return reinterpret_cast<const char*>(only->content);
-    std::string joined;
-    for (xmlNode* c = node->children; c != nullptr; c = c->next)
-        if (is_text(c) && c->content != nullptr) joined += reinterpret_cast<const char*>(c->content);
-    return joined_texts().emplace_back(std::move(joined)).c_str();
-}
+extern "C" const char* get_node_content(xmlNodePtr node) { return node == nullptr ? nullptr : content_of(node); }
 
 extern "C" const char* priority_transapi_find_parent_key_node_content(int level, xmlNodePtr node, const char* key) {
     if (node == nullptr || key == nullptr) return nullptr;
@@ -82,7 +87,7 @@ extern "C" const char* priority_transapi_find_parent_key_node_content(int level,
     }
     for (xmlNode* c = ancestor->children; c != nullptr; c = c->next) {
         if (c->type == XML_ELEMENT_NODE && xmlStrEqual(c->name, reinterpret_cast<const xmlChar*>(key)))
-            return get_node_content(c);
+            return content_of(c);
     }
     return nullptr;
 }

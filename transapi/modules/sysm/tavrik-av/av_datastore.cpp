@@ -60,7 +60,7 @@ AV_EXPORT int av_func_enable(void) {
 
 AV_EXPORT xmlDocPtr get_state_data(xmlDocPtr /*model*/, xmlDocPtr /*running*/, struct nc_err** err) {
     if (av_func_enable() == 0) {
-        av::trace("av get state,in %d\r\n", __LINE__);
+        AV_TRACE("av get state,in %d\r\n", __LINE__);
         return xmlNewDoc(reinterpret_cast<const xmlChar*>("1.0"));
     }
     DocumentRequest request(API_DP2QMX_NC_STATE, err);
@@ -73,7 +73,7 @@ AV_EXPORT xmlDocPtr get_state_data(xmlDocPtr /*model*/, xmlDocPtr /*running*/, s
 
 AV_EXPORT char* perform_getconfig(void* /*data*/, NC_DATASTORE /*target*/, struct nc_err** error) {
     if (av_func_enable() == 0) {
-        av::trace("av perform getconfig,in %d\r\n", __LINE__);
+        AV_TRACE("av perform getconfig,in %d\r\n", __LINE__);
         char* empty = static_cast<char*>(malloc(sizeof kEmptyConfig));
         if (empty != nullptr) strncpy_s(empty, sizeof kEmptyConfig, kEmptyConfig, sizeof kEmptyConfig - 1);
         return empty;

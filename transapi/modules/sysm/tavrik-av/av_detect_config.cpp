@@ -27,7 +27,7 @@ av::Step readLeaf(av::ProfileChange& c, const char* leaf, Keyword& value, Keywor
                   unsigned int (*admitted)(char*, char*), const char* invalidMessage) {
     const char* text = get_node_content(c.node());
     if (text == nullptr) {
-        av::trace("av detect %s is null,in %d\r\n", leaf, __LINE__);
+        AV_TRACE("av detect %s is null,in %d\r\n", leaf, __LINE__);
         return av::kSilentFailure;
     }
     if (!av::trimInto(text, value)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);

@@ -7,7 +7,7 @@ AV_EXPORT unsigned int AV_CheckProtocolAndGetValid(const char* pcNodeContent, ch
                                                    unsigned int uiProtocolLen) {
     if (pcNodeContent == nullptr || pcProtocol == nullptr) return 1;
     if (AV_Strstrip(pcNodeContent, pcProtocol, static_cast<int>(uiProtocolLen)) == nullptr) {
-        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }
     return oneOf(pcProtocol, {"http", "ftp", "smtp", "pop3", "imap", "nfs", "smb"}) ? 0 : 1;
@@ -23,16 +23,16 @@ AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtoc
     if (pcDirection[0] == '\0' || strcmp(pcDirection, "none") == 0) return 0;
     if (strcmp(pcProtocol, "smtp") == 0) {
         if (strcmp(pcDirection, "upload") == 0) return 0;
-        av::trace("Av smtp detect direction error\r");
+        AV_TRACE("Av smtp detect direction error\r");
         return 1;
     }
     if (strcmp(pcProtocol, "pop3") == 0) {
         if (strcmp(pcDirection, "download") == 0) return 0;
-        av::trace("Av pop3 detect direction error\r");
+        AV_TRACE("Av pop3 detect direction error\r");
         return 1;
     }
     if (oneOf(pcDirection, {"both", "upload", "download"})) return 0;
-    av::trace("Av detect direction error\r");
+    AV_TRACE("Av detect direction error\r");
     return 1;
 }
 
@@ -43,17 +43,17 @@ AV_EXPORT unsigned int AV_CheckDetectActionConfig(char* pcAction, char* pcProtoc
     if (pcAction[0] == '\0') return 0;
     if (oneOf(pcProtocol, {"smtp", "pop3"})) {
         if (oneOf(pcAction, {"alert", "declare", "delete-attachment"})) return 0;
-        av::trace("Av mail detect action error\r");
+        AV_TRACE("Av mail detect action error\r");
         return 1;
     }
     if (oneOf(pcProtocol, {"http", "ftp", "smb"})) {
         if (oneOf(pcAction, {"alert", "block"})) return 0;
-        av::trace("Av http/ftp/smb detect action error\r");
+        AV_TRACE("Av http/ftp/smb detect action error\r");
         return 1;
     }
     if (strcmp(pcProtocol, "nfs") == 0) {
         if (strcmp(pcAction, "alert") == 0) return 0;
-        av::trace("Av nfs detect action error\r");
+        AV_TRACE("Av nfs detect action error\r");
         return 1;
     }
     return 0;

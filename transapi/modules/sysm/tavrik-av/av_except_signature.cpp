@@ -51,7 +51,7 @@ AV_HANDLER(callback_AV_ProfileExceptSignature) {
         } else if (av::nameIs(child, "action") || av::nameIs(child, "timeout")) {
             Value& out = av::nameIs(child, "action") ? action : timeout;
             if (!av::trimInto(get_node_content(child), out, kChildLimit))
-                av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+                AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         }
     }
     if (id.empty()) return c.refuse("av signature id is null.", NC_ERR_BAD_ELEM);

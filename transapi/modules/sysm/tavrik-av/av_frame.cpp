@@ -8,18 +8,24 @@ AV_VISIBLE unsigned char g_ucAvApiDebug = 0;
 namespace av {
 
 void trace(const char* format, ...) {
-    if (g_ucAvApiDebug == 0) return;
     va_list args;
     va_start(args, format);
     vprintf(format, args);
     va_end(args);
 }
 
+void copyCut(char* out, size_t size, const char* source) {
+    if (out == nullptr || size == 0) return;
+    const size_t n = strnlen(source, size - 1);
+    memcpy_s(out, size, source, n);
+    out[n] = '\0';
+}
+
 Change::Change(const Call& call, const char* path, int tracePoint) : call_(call) {
     memset_s(&header_, sizeof header_, 0, sizeof header_);
     header_.msg_type = API_DP2QMX_CMD_CONFIG;
     header_.model_type = API_MODULE_TK_AV;
-    trace("in %d, op is %d\r\n", tracePoint, static_cast<int>(call.op));
+    AV_TRACE("in %d, op is %d\r\n", tracePoint, static_cast<int>(call.op));
     if (asprintf(&path_, "%s", path) < 0) path_ = nullptr;
 }
 
@@ -31,9 +37,9 @@ Change::~Change() {
 Step Change::screen(std::initializer_list<int> levels) const {
     int ops = 0;
     for (int level : levels) ops |= priority_transapi_find_parent_op_by_xmldiff(call_.data, level);
-    trace("in %d, parent op is %d\r\n", __LINE__, ops);
+    AV_TRACE("in %d, parent op is %d\r\n", __LINE__, ops);
     if (!removes(ops)) return {};
-    trace("SUCCESS: The parent operation is deleted.\r\n");
+    AV_TRACE("SUCCESS: The parent operation is deleted.\r\n");
     return kDone;
 }
 
@@ -42,14 +48,14 @@ const char* Change::key(int level, const char* name) const {
 }
 
 Result Change::refuse(const char* message, NC_ERR code) {
-    trace("ERROR: %s\r\n", message);
+    AV_TRACE("ERROR: %s\r\n", message);
     free(message_);
     if (asprintf(&message_, "%s", message) < 0) message_ = nullptr;
     return Result(fail_nc_err(call_.error, message_, path_, 1, code));
 }
 
 Result Change::drop() {
-    trace("SUCCESS: The op is OK.\r\n");
+    AV_TRACE("SUCCESS: The op is OK.\r\n");
     api_script_clear_lines();
     return kDone;
 }
@@ -58,9 +64,9 @@ Result Change::send(const char* vsys, const char* view, const char* viewTemplate
                     bool withOrigin) {
     msg_to_dp_t* reply = nullptr;
     api_script_cache_lines(vsys, view, viewTemplate, line);
-    trace(" %s \r\n", line);
+    AV_TRACE(" %s \r\n", line);
     int ret = transapi_comm_with_qmx(header_, cmdOp, &reply, call_.error, withOrigin ? path_ : nullptr);
-    if (ret != 0) trace("The send of \"%s\" failed: %d.\r\n", line, ret);
+    if (ret != 0) AV_TRACE("The send of \"%s\" failed: %d.\r\n", line, ret);
     return Result(ret);
 }
 
@@ -95,7 +101,7 @@ void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned
         return;
     }
     if (AV_Strstrip(get_node_content(child), target, static_cast<int>(size)) == nullptr)
-        trace("av remove spaces failed,in %d\r\n", __LINE__);
+        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
 }
 
 }  // namespace av

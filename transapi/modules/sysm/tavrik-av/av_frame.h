@@ -24,11 +24,16 @@ extern "C" unsigned char g_ucAvApiDebug;
 
 namespace av {
 
-// Prints one trace line when the debug switch is on; nothing otherwise.
+// Prints one trace line; called through AV_TRACE, only when the debug
+// switch is on.
 void trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// A fixed-size character buffer, always cleared before use and written only
-// through the bounded formatter (AV_FORMAT below).
+// One trace line when the debug switch is on; nothing, not even a call,
+// otherwise.
+#define AV_TRACE(...) (g_ucAvApiDebug != 0 ? av::trace(__VA_ARGS__) : (void)0)
+
+// A fixed-size character buffer, cleared when it is made and written only
+// through the bounded formatter (AV_FORMAT below) or bounded copies.
 template <size_t N>
 struct Text {
     char buf[N];
@@ -42,11 +47,16 @@ struct Text {
     operator const char*() const { return buf; }
 };
 
-// Clears `text` (an av::Text) and formats into it with the bounded formatter,
-// at most its size less one characters; yields its characters. A macro, so
-// that the compiler checks the format against its values.
+// Formats into `text` (an av::Text, cleared when it was made) with the
+// bounded formatter, at most its size less one characters; yields its
+// characters. A macro, so that the compiler checks the format against its
+// values.
 #define AV_FORMAT(text, ...) \
-    ((text).clear(), (void)snprintf_s((text).buf, sizeof((text).buf), sizeof((text).buf) - 1, __VA_ARGS__), (text).buf)
+    ((void)snprintf_s((text).buf, sizeof((text).buf), sizeof((text).buf) - 1, __VA_ARGS__), (text).buf)
+
+// Copies `source` into `out` (`size` bytes), cut at `size` - 1 characters:
+// what formatting it with "%s" and that count gives, without the formatter.
+void copyCut(char* out, size_t size, const char* source);
 
 // What a callback returns: 0 when the change was carried out or needs no
 // command, the platform's verdict, or what the refusal made of it. Only the
@@ -93,16 +103,14 @@ inline bool removes(int op) { return (op & XMLDIFF_REM) != 0; }
 inline bool addsOrModifies(int op) { return (op & (XMLDIFF_ADD | XMLDIFF_MOD)) != 0; }
 inline bool chains(int op) { return (op & XMLDIFF_CHAIN) != 0; }
 inline bool nameIs(const xmlNode* node, const char* name) {
-    return node->type == XML_ELEMENT_NODE && xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>(name)) == 0;
+    return node->type == XML_ELEMENT_NODE && strcmp(reinterpret_cast<const char*>(node->name), name) == 0;
 }
 inline bool oneOf(const char* text, std::initializer_list<const char*> keywords) {
     for (const char* keyword : keywords)
         if (strcmp(text, keyword) == 0) return true;
     return false;
 }
-inline bool contains(const char* text, char c) {
-    return xmlStrchr(reinterpret_cast<const xmlChar*>(text), static_cast<xmlChar>(c)) != nullptr;
-}
+inline bool contains(const char* text, char c) { return strchr(text, c) != nullptr; }
 
 // Working set of one change: the path string, the message header, the
 // refusal message. Frees what it allocated when the handler returns. Every

@@ -17,7 +17,7 @@ AV_HANDLER(callback_AV_Profile) {
         }
     }
     if (name == nullptr) {
-        av::trace("av profile name is null,in %d\r\n", __LINE__);
+        AV_TRACE("av profile name is null,in %d\r\n", __LINE__);
         return c.refuse("The pcValue is NULL.", NC_ERR_MISSING_ELEM);
     }
     if (av::contains(name, '?')) return c.refuse("'?' is in the profile name.", NC_ERR_BAD_ELEM);
@@ -35,7 +35,7 @@ AV_HANDLER(callback_AV_Profile) {
     } else if (av::addsOrModifies(op)) {
         AV_FORMAT(line, "profile type av name %s", profile.buf);
     } else if (av::chains(op)) {
-        av::trace("av profile op is chain,in %d\r\n", __LINE__);
+        AV_TRACE("av profile op is chain,in %d\r\n", __LINE__);
         return av::kDone;
     } else {
         return c.unknownOp();

@@ -2,7 +2,9 @@
 #include "av_frame.h"
 
 namespace {
-bool blank(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+// The C locale's white space, whatever locale the host runs in; a test of
+// two ranges, not a call per character.
+bool blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 }  // namespace
 
 AV_EXPORT char* AV_Strstrip(const char* pcSrc, char* pcDst, int uiDstLen) {
@@ -67,11 +69,13 @@ AV_EXPORT unsigned int AV_IsContainedSpacesMarks(char* pcSrc) {
 AV_EXPORT unsigned int AV_netconf_checkNodeName(const char* pcNodeContent, char* pcNodeTmp, char* pcNodeOutName,
                                                 unsigned int uiLength) {
     if (AV_Strstrip(pcNodeContent, pcNodeTmp, static_cast<int>(uiLength)) == nullptr) {
-        av::trace("av remove spaces failed,in %d\r\n", __LINE__);
+        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }
-    snprintf_s(pcNodeOutName, uiLength, uiLength - 1, AV_IsContainedSpaces(pcNodeTmp) == 0 ? "\"%s\"" : "%s",
-               pcNodeTmp);
+    if (AV_IsContainedSpaces(pcNodeTmp) == 0)
+        snprintf_s(pcNodeOutName, uiLength, uiLength - 1, "\"%s\"", pcNodeTmp);
+    else
+        av::copyCut(pcNodeOutName, uiLength, pcNodeTmp);
     return 0;
 }
 

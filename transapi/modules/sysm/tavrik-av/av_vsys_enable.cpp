@@ -17,7 +17,7 @@ AV_HANDLER(callback_AV_VsysEnable) {
     if (av::contains(text, '?')) return c.refuse("'?' is in the vsys antivirus-enable.", NC_ERR_BAD_ELEM);
     if (strchr(text, ' ') != nullptr) return c.refuse("blank is in the vsys antivirus-enable.", NC_ERR_BAD_ELEM);
     av::Text<32> assign;
-    AV_FORMAT(assign, "%s", text);
+    av::copyCut(assign, sizeof assign.buf, text);
 
     av::Text<512> line;
     CMD_OPERATION cmd = CMD_ADD;

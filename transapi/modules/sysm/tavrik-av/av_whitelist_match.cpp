@@ -49,9 +49,11 @@ AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
     if (!av::trimInto(text, value)) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
 
     if (AV_MatchTypeCorrect(value, const_cast<char*>(type)) != 0) {
-        av::trace("Av whitelist match type is error,in  %d\r\n", __LINE__);
+        AV_TRACE("Av whitelist match type is error,in  %d\r\n", __LINE__);
         return av::kSilentFailure;
     }
+
+    const char* undo = av::removes(op) ? "undo " : "";
 
     av::Text<256> line;
     if (strcmp(scope, "url") == 0) {
@@ -59,19 +61,15 @@ AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
         // is as over-long as a value that does not fit as it stands.
         if (rewrittenLength(value) >= sizeof value.buf) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
         if (AV_IsContainedSpacesMarks(value) == 0)
-            AV_FORMAT(line, "whitelist url \"%s\"", value.buf);
+            AV_FORMAT(line, "%swhitelist url \"%s\"", undo, value.buf);
         else
-            AV_FORMAT(line, "whitelist url %s", value.buf);
+            AV_FORMAT(line, "%swhitelist url %s", undo, value.buf);
     } else if (strcmp(scope, "host") == 0) {
-        AV_FORMAT(line, "whitelist host %s", value.buf);
+        AV_FORMAT(line, "%swhitelist host %s", undo, value.buf);
     } else {
         return c.refuse("Av whitelist match scope is error.", NC_ERR_BAD_ELEM);
     }
-
-    if (av::removes(op)) {
-        av::Text<256> undo;
-        return c.sendInProfileView<256>(AV_FORMAT(undo, "undo %s", line.buf), CMD_DEL);
-    }
+    if (av::removes(op)) return c.sendInProfileView<256>(line, CMD_DEL);
     if (av::addsOrModifies(op)) return c.sendInProfileView<256>(line, CMD_ADD);
     return c.unknownOp();
 }

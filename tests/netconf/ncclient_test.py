@@ -136,7 +136,7 @@ class Daemon:
         with open(os.path.join(self.dir, "daemon.conf"), "w") as out:
             out.write(f"# written by the test\nssh 127.0.0.1:{self.port}\nstate-dir {self.dir}/state\n"
                       f"user admin password s3cret\nuser alice authorized-key {self.key_file}.pub\n"
-                      f"user bob password-hash {hashed}\n")
+                      f"user bob password-hash {hashed}\nuser oper password oper-pw\nsuperuser admin\n")
 
     def start(self, extra=()):
         pid_file = os.path.join(self.dir, "pid")
@@ -198,7 +198,8 @@ class Daemon:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-class NcclientTest(unittest.TestCase):
+class DaemonTest(unittest.TestCase):
+    """A daemon for the class, and a session of the superuser admin for each test."""
     daemon = None
 
     @classmethod
@@ -251,6 +252,8 @@ class NcclientTest(unittest.TestCase):
         self.addCleanup(lambda: self.m.edit_config(target="running",
                                                    config=config("", nacm("", ' nc:operation="remove"'))))
 
+
+class NcclientTest(DaemonTest):
     def test_hello_lists_the_model(self):
         capabilities = list(self.m.server_capabilities)
         self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus") for c in capabilities), capabilities)

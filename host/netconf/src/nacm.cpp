@@ -302,10 +302,14 @@ void Nacm::load(const ly_ctx* ctx, const lyd_node* nacm) {
     rules_ = std::move(rules);
 }
 
+bool Nacm::bypasses(const std::string& user, bool recovery) const {
+    return recovery || std::find(superusers_.begin(), superusers_.end(), user) != superusers_.end();
+}
+
 NacmPolicy Nacm::policy(const std::string& user, bool recovery) const {
-    const bool superuser = std::find(superusers_.begin(), superusers_.end(), user) != superusers_.end();
+    const bool bypass = bypasses(user, recovery);
     std::lock_guard lock(mutex_);
-    return NacmPolicy(rules_, user, recovery || superuser);
+    return NacmPolicy(rules_, user, bypass);
 }
 
 std::optional<engine::RpcError> Nacm::check_exec(const NacmPolicy& policy, const lyd_node* rpc) {

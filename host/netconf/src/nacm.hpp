@@ -86,7 +86,9 @@ public:
     // Compiles `nacm` (the /nacm container; null: none configured).
     void load(const ly_ctx* ctx, const lyd_node* nacm);
 
-    // `recovery`: a session that bypasses the rules whatever its user.
+    // Whether the rules do not apply: a superuser, or `recovery` (a
+    // session that bypasses them whatever its user).
+    bool bypasses(const std::string& user, bool recovery = false) const;
     NacmPolicy policy(const std::string& user, bool recovery = false) const;
 
     // An rpc `rpc` of `user`: nullopt when permitted, else access-denied

@@ -133,7 +133,7 @@ class Daemon:
         with open(os.path.join(self.dir, "daemon.conf"), "w") as out:
             out.write(f"# written by the test\nssh 127.0.0.1:{self.port}\nstate-dir {self.dir}/state\n"
                       f"user admin password s3cret\nuser alice authorized-key {self.key_file}.pub\n"
-                      f"user bob password-hash {hashed}\n")
+                      f"user bob password-hash {hashed}\nuser oper password oper-pw\nsuperuser admin\n")
 
     def start(self, extra=()):
         pid_file = os.path.join(self.dir, "pid")

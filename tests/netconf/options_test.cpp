@@ -94,14 +94,16 @@ TEST_F(ConfigFileTest, SettingsAndUsersThenTheCommandLineOverrides) {
           "user admin password-hash $y$j9T$abc\n"
           "user admin authorized-key /k/admin.pub\n"
           "user bob password two words\n"
-          "log-level debug\n");
-    const Options o = parse({"--config", path.c_str(), "--ssh", "127.0.0.1:3830"});
+          "log-level debug\n"
+          "superuser admin\n");
+    const Options o = parse({"--config", path.c_str(), "--ssh", "127.0.0.1:3830", "--superuser", "bob"});
     EXPECT_EQ(o.ssh->port, 3830);
     EXPECT_EQ(o.state_dir, "/var/tmp/tk");
     ASSERT_EQ(o.users.size(), 2u);
     EXPECT_EQ(o.users[0].password_hash, "$y$j9T$abc");
     EXPECT_EQ(o.users[0].authorized_keys, std::vector<std::string>{"/k/admin.pub"});
     EXPECT_EQ(o.users[1].password, "two words");
+    EXPECT_EQ(o.superusers, (std::vector<std::string>{"admin", "bob"}));
     EXPECT_EQ(o.verbosity, 3);
 }
 

@@ -439,7 +439,8 @@ EditResult Engine::replace_running(DataTree config, const EditOptions& options) 
     return impl_->commit(std::move(config), options);
 }
 
-EditResult Engine::apply(DataTree& tree, const lyd_node* edit, DefaultOperation default_operation) const {
+EditResult Engine::apply(DataTree& tree, const lyd_node* edit, DefaultOperation default_operation,
+                         const ChangeCheck& check) const {
     const Impl& impl = *impl_;
     AppliedEdit applied(impl.model, tree);
     if (auto error = applied.apply(edit, default_operation)) return failed(*error);
@@ -453,10 +454,19 @@ EditResult Engine::apply(DataTree& tree, const lyd_node* edit, DefaultOperation 
     }
     ChangeSet changes(impl.model);
     applied.describe(changes);
+    if (check)
+        if (auto error = check(ChangeView(changes))) return failed(std::move(*error));
     EditResult result{true, {}, std::nullopt, topmost(changes), validated.names};
     applied.keep();
     validated.install(tree);
     return result;
+}
+
+std::optional<RpcError> Engine::check_changes(const lyd_node* old_tree, const lyd_node* new_tree,
+                                              const ChangeCheck& check) const {
+    ChangeSet changes(impl_->model);
+    changes.compare(old_tree, new_tree, -1);
+    return check(ChangeView(changes));
 }
 
 DataTree Engine::copy_running() const { return copy_of(impl_->running.get(), nullptr); }

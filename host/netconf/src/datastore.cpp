@@ -215,6 +215,7 @@ struct Datastore::Impl {
     std::unique_ptr<engine::Engine> engine;
     std::optional<StateStore> store;  // none: nothing persists
     std::atomic<bool> memory_to_release{false};
+    std::atomic<std::uint64_t> running_version{0};
     std::array<Lock, std::size(kDatastores)> locks;
     std::optional<DataTree> candidate;          // none: equal to the running configuration
     std::set<std::uint32_t> candidate_editors;  // the sessions whose changes the candidate holds
@@ -330,6 +331,7 @@ struct Datastore::Impl {
     std::optional<RpcError> settle(std::uint32_t session, std::optional<DatastoreId> source,
                                    engine::EditResult result, const RunningChange& change = {}) {
         if (!result.ok) return result.error;
+        ++running_version;
         try {
             commit(change);
         } catch (const std::exception& e) {
@@ -342,8 +344,11 @@ struct Datastore::Impl {
         return std::nullopt;
     }
 
-    std::optional<RpcError> replace_running(std::uint32_t session, std::optional<DatastoreId> source, DataTree config) {
-        return settle(session, source, engine->replace_running(std::move(config)));
+    std::optional<RpcError> replace_running(std::uint32_t session, std::optional<DatastoreId> source, DataTree config,
+                                            const engine::ChangeCheck& check = {}) {
+        engine::EditOptions options;
+        options.check = check;
+        return settle(session, source, engine->replace_running(std::move(config), options));
     }
 
     bool persists() const { return !options.state_dir.empty(); }
@@ -395,7 +400,7 @@ struct Datastore::Impl {
         DataTree scratch;
         if (test_only || !candidate) scratch = duplicate(tree_of(DatastoreId::Candidate));
         DataTree& tree = test_only || !candidate ? scratch : *candidate;
-        engine::EditResult result = engine->apply(tree, request.config, request.default_operation);
+        engine::EditResult result = engine->apply(tree, request.config, request.default_operation, request.check);
         if (!result.ok || test_only || result.changes.empty()) return result.error;
         if (!candidate) candidate = std::move(scratch);
         candidate_editors.insert(session);
@@ -537,12 +542,14 @@ std::optional<RpcError> Datastore::edit(std::uint32_t session, const EditRequest
     engine::EditOptions options;
     options.default_operation = request.default_operation;
     options.dry_run = request.test_option == TestOption::TestOnly;
+    options.check = request.check;
     engine::EditResult result = d.engine->edit(request.config, options);
     if (!result.ok || options.dry_run) return result.error;
     return d.settle(session, DatastoreId::Running, std::move(result), edit_change(request.config, request.default_operation));
 }
 
-std::optional<RpcError> Datastore::copy(std::uint32_t session, DatastoreId target, const ConfigSource& source) {
+std::optional<RpcError> Datastore::copy(std::uint32_t session, DatastoreId target, const ConfigSource& source,
+                                        const engine::ChangeCheck& check) {
     std::lock_guard lock(impl_->mutex);
     const Impl::Work work(*impl_);
     Impl& d = *impl_;
@@ -550,9 +557,11 @@ std::optional<RpcError> Datastore::copy(std::uint32_t session, DatastoreId targe
     if (source.datastore == target) return std::nullopt;
     DataTree config;
     if (auto error = d.configuration(source, config)) return error;
+    if (check && target != DatastoreId::Running)
+        if (auto error = d.engine->check_changes(d.tree_of(target), config.get(), check)) return error;
     switch (target) {
     case DatastoreId::Running:
-        return d.replace_running(session, source.datastore, std::move(config));
+        return d.replace_running(session, source.datastore, std::move(config), check);
     case DatastoreId::Candidate:
         d.discard_candidate();
         if (source.datastore != DatastoreId::Running) {
@@ -663,12 +672,21 @@ Reading Datastore::read(const ly_ctx* target, const ReadRequest& request) {
     std::lock_guard lock(impl_->mutex);
     const Impl::Work work(*impl_);
     Reading reading;
-    if (const lyd_node* tree = impl_->tree_of(request.source); tree && target) {
-        const uint32_t options = LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS;
-        const LY_ERR err = target == impl_->engine->context()
-                               ? lyd_dup_siblings(tree, nullptr, options, &reading.running)
-                               : lyd_dup_siblings_to_ctx(tree, target, nullptr, options, &reading.running);
+    const uint32_t options = LYD_DUP_RECURSIVE | LYD_DUP_WITH_FLAGS;
+    const bool same = target == impl_->engine->context();
+    const lyd_node* tree = target ? impl_->tree_of(request.source) : nullptr;
+    if (tree && request.module.empty()) {
+        const LY_ERR err = same ? lyd_dup_siblings(tree, nullptr, options, &reading.running)
+                                : lyd_dup_siblings_to_ctx(tree, target, nullptr, options, &reading.running);
         if (err != LY_SUCCESS) throw DatastoreError("cannot copy " + configuration_name(request.source));
+    }
+    for (const lyd_node* node = request.module.empty() ? nullptr : tree; node; node = node->next) {
+        if (!node->schema || request.module != node->schema->module->name) continue;
+        lyd_node* copy = nullptr;
+        const LY_ERR err = same ? lyd_dup_single(node, nullptr, options, &copy)
+                                : lyd_dup_single_to_ctx(node, target, nullptr, options, &copy);
+        if (err != LY_SUCCESS) throw DatastoreError("cannot copy " + configuration_name(request.source));
+        lyd_insert_sibling(reading.running, copy, &reading.running);
     }
     if (request.state) reading.state = impl_->engine->module_state();
     if (request.platform) {
@@ -727,6 +745,8 @@ std::vector<DatastoreStatus> Datastore::datastores() const {
 void Datastore::release_memory() {
     if (impl_->memory_to_release.exchange(false)) malloc_trim(0);
 }
+
+std::uint64_t Datastore::running_version() const { return impl_->running_version; }
 
 const std::string& Datastore::model_name() const { return impl_->engine->model_name(); }
 

@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -274,12 +275,30 @@ nc_server_reply* data_reply(const lyd_node* rpc, Tree data, NC_WD_MODE wd = NC_W
     return nc_server_reply_data(reply, wd, NC_PARAMTYPE_FREE);
 }
 
-// Runs an operation; a C++ exception becomes an operation-failed rpc-error
-// rather than crossing libnetconf2.
+// Who asks: the session, and what access control (NACM) lets its user do.
+// Sessions other than SSH ones are local and bypass access control.
+struct Caller {
+    std::uint32_t session;
+    NacmPolicy policy;
+};
+
+// Runs an operation for the caller that access control lets run it (the
+// one place where every operation is checked); an operation that takes a
+// Caller makes the read and write checks with its policy. A C++ exception
+// becomes an operation-failed rpc-error rather than crossing libnetconf2.
 template <typename Operation>
 nc_server_reply* guarded(lyd_node* rpc, nc_session* session, Operation operation) {
     try {
-        return operation(rpc, nc_session_get_id(session));
+        Nacm& nacm = g_service->nacm;
+        const std::string user = nc_session_get_username(session) ? nc_session_get_username(session) : "";
+        const bool local = nc_session_get_ti(session) != NC_TI_LIBSSH;
+        if (!nacm.bypasses(user, local)) nacm.refresh(g_service->datastore, g_service->context);
+        const Caller caller{nc_session_get_id(session), nacm.policy(user, local)};
+        if (auto denied = nacm.check_exec(caller.policy, rpc)) return error_reply(*denied);
+        if constexpr (std::is_invocable_v<Operation, lyd_node*, const Caller&>)
+            return operation(rpc, caller);
+        else
+            return operation(rpc, caller.session);
     } catch (const std::exception& e) {
         return failure(ErrorTag::OperationFailed, std::string("internal error: ") + e.what(), ErrorType::Application);
     }
@@ -350,8 +369,12 @@ public:
             return true;
         }
     }
-    // The rpc-reply with what the filter selects of `data`.
-    nc_server_reply* reply(const lyd_node* rpc, Tree data) const {
+    // The rpc-reply with what the filter selects of what `caller` may read
+    // of `data`.
+    nc_server_reply* reply(const lyd_node* rpc, Tree data, const Caller& caller) const {
+        lyd_node* readable = data.release();
+        caller.policy.prune(readable);
+        data.reset(readable);
         try {
             return data_reply(rpc, apply(std::move(data)), with_defaults(rpc));
         } catch (const XPathError& e) {
@@ -428,14 +451,14 @@ struct Named {
 // ---- operations ------------------------------------------------------------
 
 nc_server_reply* op_get_config(lyd_node* rpc, nc_session* session) {
-    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+    return guarded(rpc, session, [](lyd_node* rpc, const Caller& caller) -> nc_server_reply* {
         Named source;
         if (nc_server_reply* error = source.read(rpc, "source")) return error;
         Filter filter;
         if (nc_server_reply* error = filter.read(rpc)) return error;
         ReadRequest request;
         request.source = *source.datastore;
-        return filter.reply(rpc, Tree(g_service->datastore.read(g_service->context, request).running));
+        return filter.reply(rpc, Tree(g_service->datastore.read(g_service->context, request).running), caller);
     });
 }
 
@@ -499,7 +522,7 @@ Tree platform_data(const PlatformReading& platform) {
 }
 
 nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
-    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
+    return guarded(rpc, session, [](lyd_node* rpc, const Caller& caller) -> nc_server_reply* {
         ly_ctx* ctx = g_service->context;
         Filter filter;
         if (nc_server_reply* error = filter.read(rpc)) return error;
@@ -527,7 +550,12 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
         if (reaches(kDaemonModule)) append(data, platform_data(reading.platform).release());
         if (reaches("ietf-yang-library")) append(data, library_data(*g_service));
         if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data(*g_service));
-        return filter.reply(rpc, std::move(data));
+        if (reaches(kNacmModule)) {
+            lyd_node* tree = data.release();
+            g_service->nacm.report_counters(ctx, tree);
+            data.reset(tree);
+        }
+        return filter.reply(rpc, std::move(data), caller);
     });
 }
 
@@ -550,7 +578,7 @@ nc_server_reply* edit_reply(const std::optional<RpcError>& error) {
 }
 
 nc_server_reply* op_edit_config(lyd_node* rpc, nc_session* session) {
-    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+    return guarded(rpc, session, [](lyd_node* rpc, const Caller& caller) -> nc_server_reply* {
         Named target;
         if (nc_server_reply* error = target.read(rpc, "target")) return error;
         if (find(rpc, "url")) return urls_not_served();
@@ -560,16 +588,18 @@ nc_server_reply* op_edit_config(lyd_node* rpc, nc_session* session) {
         const lyd_node* tree = config_tree(config, owned);
         if (owned.error) return error_reply(*owned.error);
         return edit_reply(g_service->datastore.edit(
-            sid, EditRequest{tree, default_operation(rpc), test_option(rpc), *target.datastore}));
+            caller.session, EditRequest{tree, default_operation(rpc), test_option(rpc), *target.datastore,
+                                        g_service->nacm.write_check(caller.policy)}));
     });
 }
 
 nc_server_reply* op_copy_config(lyd_node* rpc, nc_session* session) {
-    return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+    return guarded(rpc, session, [](lyd_node* rpc, const Caller& caller) -> nc_server_reply* {
         Named target, source;
         if (nc_server_reply* error = target.read(rpc, "target")) return error;
         if (nc_server_reply* error = source.read(rpc, "source")) return error;
-        return edit_reply(g_service->datastore.copy(sid, *target.datastore, source.source()));
+        return edit_reply(g_service->datastore.copy(caller.session, *target.datastore, source.source(),
+                                                    g_service->nacm.write_check(caller.policy)));
     });
 }
 

@@ -123,6 +123,7 @@ const Setting kSettings[] = {
          std::getline(in, value);
          add_credential(o, name, kind, trim(value));
      }},
+    {"superuser", true, true, true, [](Options& o, const std::string& v) { o.superusers.push_back(v); }},
     {"help", false, true, false, [](Options& o, const std::string&) { o.help = true; }},
     {"version", false, true, false, [](Options& o, const std::string&) { o.version = true; }},
 };
@@ -264,6 +265,7 @@ std::string usage(const char* program) {
            "  --pid-file FILE          write the process id to FILE once listening\n"
            "  --user NAME:PASSWORD     an SSH user with a password\n"
            "  --authorized-key NAME:FILE  an SSH user with an OpenSSH public key\n"
+           "  --superuser NAME         a user that access control (NACM) does not restrict\n"
            "  --module FILE            the configuration module (default: this build's)\n"
            "  --yang-dir DIR           the module's data model (default: this build's)\n"
            "  --ietf-yang-dir DIR      IETF NETCONF modules (default " TKAV_DEFAULT_IETF_YANG_DIR ")\n"

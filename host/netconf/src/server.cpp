@@ -491,7 +491,7 @@ struct Server::Impl {
     std::unique_ptr<UnixListener> unix_listener;
 
     Impl(const Options& opts, Datastore& datastore)
-        : options(opts), host_key(opts.host_key_path()), service{datastore, datastore.context(), {}, {}} {}
+        : options(opts), host_key(opts.host_key_path()), service{datastore, datastore.context(), {}, {}, detail::Nacm(opts.superusers)} {}
 
     ~Impl() {
         unix_listener.reset();

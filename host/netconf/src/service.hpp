@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "nacm.hpp"
 #include "tavrik/netconf/datastore.hpp"
 
 namespace tavrik::netconf::detail {
@@ -83,6 +84,7 @@ struct Service {
     SessionRegistry sessions;
     // Makes the server look at its sessions again (one was killed).
     std::function<void()> wake;
+    Nacm nacm;
 };
 
 // A line in the daemon's log (stderr), when `level` is within the configured

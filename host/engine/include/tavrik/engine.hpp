@@ -256,8 +256,16 @@ public:
     // null: empty) and validates the result, without the module: for a
     // datastore other than the running one. On error `tree` is exactly as
     // before. The result lists the changes; it has no lines.
+    // `check`, when given, sees the changes before anything is kept.
     EditResult apply(DataTree& tree, const lyd_node* edit,
-                     DefaultOperation default_operation = DefaultOperation::Merge) const;
+                     DefaultOperation default_operation = DefaultOperation::Merge,
+                     const ChangeCheck& check = {}) const;
+
+    // Shows `check` the changes that make `old_tree` into `new_tree`
+    // (complete configurations in context(); null: empty): for a
+    // configuration replaced whole other than the running one.
+    std::optional<RpcError> check_changes(const lyd_node* old_tree, const lyd_node* new_tree,
+                                          const ChangeCheck& check) const;
 
     // A copy of the running configuration (null when empty).
     DataTree copy_running() const;

@@ -88,6 +88,9 @@ struct EditRequest {
     engine::DefaultOperation default_operation = engine::DefaultOperation::Merge;
     TestOption test_option = TestOption::TestThenSet;
     DatastoreId target = DatastoreId::Running;  // running or candidate
+    // Sees the edit's changes before they are kept (access control); an
+    // error refuses the edit. Optional.
+    engine::ChangeCheck check = {};
 };
 
 // The <source> of copy-config and validate: a datastore, or the content of
@@ -128,6 +131,7 @@ struct ReadRequest {
     bool state = false;     // the module's state document
     bool platform = false;  // the appliance
     DatastoreId source = DatastoreId::Running;
+    std::string module = {};  // only the top-level nodes of this YANG module; empty: all
 };
 
 // A consistent read: the configuration of the datastore asked for, copied
@@ -183,7 +187,9 @@ public:
     // copy-config: replaces `target` with the complete configuration
     // `source`. The running configuration changes through the module; the
     // startup configuration is written to disk.
-    std::optional<RpcError> copy(std::uint32_t session, DatastoreId target, const ConfigSource& source);
+    // `check` (optional) sees the changes of the target first.
+    std::optional<RpcError> copy(std::uint32_t session, DatastoreId target, const ConfigSource& source,
+                                 const engine::ChangeCheck& check = {});
     // delete-config of the startup configuration.
     std::optional<RpcError> delete_startup(std::uint32_t session);
 
@@ -203,6 +209,8 @@ public:
     engine::ParsedXml parse(std::string_view xml) const;
 
     Reading read(const ly_ctx* target, const ReadRequest& request = {});
+    // Grows with every change of the running configuration.
+    std::uint64_t running_version() const;
 
     // The schema context of the configurations and of edits.
     ly_ctx* context() const;

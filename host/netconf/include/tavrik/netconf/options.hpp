@@ -9,6 +9,7 @@
 //     state-dir /var/lib/tkav-netconfd
 //     user admin password-hash $y$j9T$...
 //     user alice authorized-key /home/alice/.ssh/id_ed25519.pub
+//     superuser admin
 #pragma once
 
 #include <cstdint>
@@ -45,6 +46,7 @@ struct Options {
     std::string yang_dir;            // directory of the module's data model
     std::string ietf_yang_dir;       // the IETF modules NETCONF needs
     std::vector<User> users;
+    std::vector<std::string> superusers;  // users whom access control (NACM) does not restrict
     unsigned workers = 2;            // threads serving the SSH sessions
     bool sync_writes = false;        // flush each commit to disk (power-loss safety)
     bool boot_from_startup = false;  // at start, the startup configuration (when there is one) becomes the running one

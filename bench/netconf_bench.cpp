@@ -46,9 +46,26 @@ std::string profiles(int count) {
 
 // Resident memory of a process in MiB (VmRSS), once the reply's memory is
 // released (the daemon does that after sending it).
+// The daemon's RSS once it is idle: the work after a reply (returning
+// memory, rebuilding the running configuration) done, the CPU time it has
+// used steady for 200 ms.
 double rss_mib(pid_t pid) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    const std::string proc = "/proc/" + std::to_string(pid);
+    const auto cpu_ticks = [&] {
+        std::ifstream in(proc + "/stat");
+        std::string field;
+        unsigned long long ticks = 0;
+        for (int i = 1; i <= 15 && in >> field; ++i)
+            if (i == 14 || i == 15) ticks += std::stoull(field);  // utime, stime (after a name without spaces)
+        return ticks;
+    };
+    for (auto ticks = cpu_ticks();;) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        const auto now = cpu_ticks();
+        if (now == ticks) break;
+        ticks = now;
+    }
+    std::ifstream in(proc + "/status");
     for (std::string line; std::getline(in, line);)
         if (line.rfind("VmRSS:", 0) == 0) return std::stod(line.substr(6)) / 1024.0;
     return 0;

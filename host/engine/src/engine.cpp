@@ -4,6 +4,9 @@
 
 #include <libxml/parser.h>
 
+#include <algorithm>
+#include <cstdlib>
+
 #include "apply.hpp"
 #include "changes.hpp"
 #include "dispatch.hpp"
@@ -215,6 +218,10 @@ struct Engine::Impl {
     CallbackTable table;
     VsysFeature* vsys_feature = nullptr;
     Tree running;
+    // What compact() weighs: nodes changed since the last rebuild, and
+    // how many the running configuration had then.
+    std::size_t changed_since_rebuild = 0;
+    std::size_t nodes_at_rebuild = 0;
     const std::string name, ns;
 };
 
@@ -335,6 +342,7 @@ EditResult Engine::Impl::run(ChangeSet& changes, const EditOptions& options) {
                 " Restoring the platform failed as well: " + refusal(changes, *undo, session.record).message;
         return failed(std::move(*error), lines_of(session.record, true));
     }
+    changed_since_rebuild += changes.changes().size();
     return {true, lines_of(session.record, true), std::nullopt, topmost(changes), {}};
 }
 
@@ -474,6 +482,32 @@ DataTree Engine::copy_running() const { return copy_of(impl_->running.get(), nul
 std::string Engine::running_xml() const { return print(impl_->running.get()); }
 
 const lyd_node* Engine::running_tree() const { return impl_->running.get(); }
+
+bool Engine::compact() {
+    constexpr std::size_t kFewestChanges = 4096;
+    Impl& impl = *impl_;
+    if (impl.changed_since_rebuild < std::max(impl.nodes_at_rebuild / 2, kFewestChanges)) return false;
+    impl.changed_since_rebuild = 0;
+    impl.nodes_at_rebuild = 0;
+    if (!impl.running) return true;
+    char* bytes = nullptr;
+    if (lyd_print_mem(&bytes, impl.running.get(), LYD_LYB, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS) return false;
+    const std::unique_ptr<char, decltype(&std::free)> lyb(bytes, &std::free);
+    impl.running.reset();  // the strings only the configuration held leave the dictionary
+    lyd_node* tree = nullptr;
+    if (lyd_parse_data_mem(impl.model.context(), lyb.get(), LYD_LYB, LYD_PARSE_STRICT | LYD_PARSE_ONLY, 0, &tree) !=
+        LY_SUCCESS)
+        throw EngineError("the running configuration could not be rebuilt in memory");
+    impl.running.reset(tree);
+    if (auto error = impl.validate_whole(impl.running))
+        throw EngineError("the rebuilt running configuration is not valid: " + describe(*error), error);
+
+    for (const lyd_node* top = tree; top; top = top->next) {
+        const lyd_node* node;
+        LYD_TREE_DFS_BEGIN(top, node) { ++impl.nodes_at_rebuild; LYD_TREE_DFS_END(top, node); }
+    }
+    return true;
+}
 
 std::optional<RpcError> Engine::validate(std::string_view config_xml) const {
     Tree config;

@@ -743,7 +743,12 @@ std::vector<DatastoreStatus> Datastore::datastores() const {
 }
 
 void Datastore::release_memory() {
-    if (impl_->memory_to_release.exchange(false)) malloc_trim(0);
+    bool rebuilt = false;
+    {
+        std::lock_guard lock(impl_->mutex);
+        rebuilt = impl_->engine->compact();
+    }
+    if (impl_->memory_to_release.exchange(false) || rebuilt) malloc_trim(0);
 }
 
 std::uint64_t Datastore::running_version() const { return impl_->running_version; }

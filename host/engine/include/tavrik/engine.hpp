@@ -275,6 +275,17 @@ public:
     std::string running_xml() const;
     const lyd_node* running_tree() const;  // owned by the engine; null when empty
 
+    // Rebuilds the running configuration in memory of its own once the
+    // edits since the last rebuild changed at least half as many nodes as it
+    // then held (and a few thousand at least), so that rebuilding costs a
+    // bounded amount per changed node. A large edit's nodes and strings lie
+    // among those of the request they came from; when the request is freed
+    // the pages they share stay with the process. Call it when no other
+    // tree of the context holds the edit's strings (after the reply).
+    // Returns whether it rebuilt. Throws EngineError when the rebuilt
+    // configuration cannot be read back (out of memory).
+    bool compact();
+
     // Validates a complete configuration (same format as running_xml)
     // against the model. nullopt: valid.
     std::optional<RpcError> validate(std::string_view config_xml) const;

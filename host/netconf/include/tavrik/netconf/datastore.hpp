@@ -234,8 +234,10 @@ public:
     const std::string& model_name() const;
 
     // Returns freed memory to the system after a call that did much work
-    // (a large edit or read); cheap otherwise. The server calls it once a
-    // reply is out, when the memory of the reply is freed too.
+    // (a large edit or read), rebuilding the running configuration in
+    // memory of its own after large edits (engine::Engine::compact); cheap
+    // otherwise. The server calls it once a reply is out, when the request
+    // and the reply are freed too.
     void release_memory();
 
 private:

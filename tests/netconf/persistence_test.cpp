@@ -15,7 +15,7 @@
 #include <utility>
 
 #include "print_tree.hpp"
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 #include "journal.hpp"
 #include "tavrik/netconf/datastore.hpp"
 

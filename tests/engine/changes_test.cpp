@@ -88,8 +88,7 @@ TEST_P(EditChanges, ListEveryChangedNodeInDocumentOrderAndUndo) {
     for (size_t i = 0; i < set.changes().size(); ++i) {
         const auto& change = set.changes()[i];
         const int op = change.op;
-        const char* name = op == XMLDIFF_ADD ? "ADD" : op == XMLDIFF_REM ? "REM" : op == XMLDIFF_MOD ? "MOD" : "CHAIN";
-        listed.push_back(std::string(name) + " " + set.path(i));
+        listed.push_back((op == XMLDIFF_ADD ? "ADD " : op == XMLDIFF_REM ? "REM " : op == XMLDIFF_MOD ? "MOD " : "CHAIN ") + set.path(i));
         EXPECT_STREQ(change.element() ? reinterpret_cast<const char*>(change.element()->name) : "", change.schema->name);
     }
     EXPECT_EQ(listed, c.changes);

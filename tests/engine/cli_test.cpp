@@ -17,10 +17,7 @@ namespace fs = std::filesystem;
 
 std::string slurp(const fs::path& file) { return tavrik::read_file(file.string()).value_or(""); }
 
-struct Outcome {
-    int status;
-    std::string out, err;
-};
+struct Outcome { int status; std::string out, err; };
 
 class Cli : public ::testing::Test {
 protected:

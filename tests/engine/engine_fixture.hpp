@@ -48,9 +48,7 @@ inline std::string top(const std::string& name, const std::string& ns, const std
 inline std::string av(const std::string& body, const std::string& attributes = "") {
     return top("antivirus", "urn:tavrik:params:xml:ns:yang:tavrik-antivirus", body, attributes);
 }
-inline std::string nacm(const std::string& body) {
-    return top("nacm", "urn:ietf:params:xml:ns:yang:ietf-netconf-acm", body);
-}
+inline std::string nacm(const std::string& body) { return top("nacm", "urn:ietf:params:xml:ns:yang:ietf-netconf-acm", body); }
 inline std::string group(const std::string& name, const std::string& user, const std::string& attributes = "") {
     return leaf("groups", leaf("group", leaf("name", name) + (user.empty() ? "" : leaf("user-name", user)), attributes));
 }
@@ -94,10 +92,7 @@ inline std::optional<RpcError> deny(const ChangeView&) {
 class EngineTest : public ::testing::Test {
 protected:
     void SetUp() override { tavrik::runtime::reset(); }
-    void TearDown() override {
-        engine_.reset();
-        tavrik::runtime::reset();
-    }
+    void TearDown() override { engine_.reset(), tavrik::runtime::reset(); }
     // A fresh engine whose running configuration is `running`, serving the
     // data modules named beside the model; the platform has received
     // nothing yet.
@@ -108,9 +103,7 @@ protected:
         return *engine_;
     }
     Engine& engine() { return *engine_; }
-    EditResult edit(const std::string& xml, const EditOptions& options = {}) {
-        return edit_text(*engine_, xml, options);
-    }
+    EditResult edit(const std::string& xml, const EditOptions& options = {}) { return edit_text(*engine_, xml, options); }
     // The running configuration to the byte, implicit nodes included.
     std::string running() { return print_all(engine_->running_tree()); }
 

@@ -17,10 +17,9 @@ std::pair<std::string, std::optional<RpcError>> load_error(const std::string& mo
 }
 
 TEST(Loading, RefusesWhatTheServerCannotUse) {
-    const std::string fake = FAKE_MODULE_DIR;
     EXPECT_THAT(load_error("/nonexistent/module.so", TAVRIK_YANG_DIR).first, HasSubstr("cannot load module"));
-    EXPECT_THAT(load_error(fake + "/fake-module-version.so", TAVRIK_YANG_DIR).first, HasSubstr("interface version 3"));
-    EXPECT_THAT(load_error(fake + "/fake-module-incomplete.so", TAVRIK_YANG_DIR).first, HasSubstr("\"clbks\""));
+    EXPECT_THAT(load_error(FAKE_MODULE_DIR "/fake-module-version.so", TAVRIK_YANG_DIR).first, HasSubstr("interface version 3"));
+    EXPECT_THAT(load_error(FAKE_MODULE_DIR "/fake-module-incomplete.so", TAVRIK_YANG_DIR).first, HasSubstr("\"clbks\""));
     EXPECT_THAT(load_error(TAVRIK_MODULE_PATH, "/nonexistent").first, HasSubstr("/nonexistent"));
     EXPECT_THAT(load_error(TAVRIK_MODULE_PATH, FAKE_MODULE_DIR).first, HasSubstr("no data model"));
     // The initial running configuration: an unknown element by its path,

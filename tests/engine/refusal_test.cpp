@@ -24,8 +24,8 @@ struct Stage {
     const char* name;
     std::string fault;      // more of the edit
     ErrorTag tag = ErrorTag::OperationFailed;
-    int code = 0;           // the refusing party's code
-    int refused_line = 0;   // the appliance refuses this line (-1: the last); 0: none
+    // The refusing party's code; the line the appliance refuses (-1: the last; 0: none).
+    int code = 0, refused_line = 0;
     bool vsys_refused = false, check_refuses = false, dry_run = false, test_only = false;
 };
 std::ostream& operator<<(std::ostream& out, const Stage& s) { return out << s.name; }
@@ -42,7 +42,6 @@ const Stage kStages[] = {
      ErrorTag::InvalidValue},
     {"ByTheCheck", "", ErrorTag::AccessDenied, 0, 0, false, true},
     {"ThePlatformsFirstLine", "", ErrorTag::OperationFailed, 9, 1},
-    {"ThePlatformsSecondLine", "", ErrorTag::OperationFailed, 9, 2},
     {"ThePlatformsLastLine", "", ErrorTag::OperationFailed, 9, -1},
     {"ByTheVsysFeature", "", ErrorTag::OperationFailed, 42, 0, true},
     {"DryRun", "", ErrorTag::OperationFailed, 0, 0, false, false, true},

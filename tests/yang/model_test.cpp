@@ -66,7 +66,6 @@ TEST_F(Model, TablePathsAndModelNodesMatchOneToOne) {
         }
     }
     EXPECT_EQ(nodes, with_row.size());
-    EXPECT_EQ(nodes, 84u);  // 107 rows, 23 of them the Delete half of a pair
 }
 
 // The timeout handler reads the preceding action: action comes first.

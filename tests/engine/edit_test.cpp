@@ -1,157 +1,134 @@
-// NETCONF edit-config on the running configuration: operations, default
-// operation, and the errors of bad input (with the line of the element).
+// NETCONF edit-config on the running configuration: operations and default
+// operation; which callback runs with which operation and in which order;
+// the errors of bad input, named by line or path.
 #include "engine_fixture.hpp"
 
 namespace tktest {
 namespace {
 
-using ::testing::HasSubstr;
-
 const std::string kRunning =
-    av(vsys("vs1", profile("p1", leaf("description", "d") + leaf("heuristic-detect-enable", "true")) +
-                       profile("p2", "")));
+    av(vsys("vs1", profile("p1", desc("d") + leaf("heuristic-detect-enable", "true")) + profile("p2", "")));
 
-struct Applied {
+struct EditCase {
     const char* name;
     std::string edit;
-    DefaultOperation default_operation;
-    std::vector<std::string> present;  // fragments of the running configuration afterwards
-    std::vector<std::string> absent;
+    DefaultOperation default_operation = DefaultOperation::Merge;
+    std::vector<std::string> present = {}, absent = {};  // parts of the running configuration afterwards
+    std::string running = kRunning;
+    std::optional<std::vector<std::string>> lines = {};  // sent, each in a message of its own
+    std::optional<ErrorTag> refused = {};                // and nothing changes, the module is not asked
+    std::string path = {};
+    int line = 0;
 };
-std::ostream& operator<<(std::ostream& out, const Applied& a) { return out << a.name; }
+std::ostream& operator<<(std::ostream& out, const EditCase& c) { return out << c.name; }
 
-const Applied kApplied[] = {
-    {"MergeKeepsWhatIsNotNamed", p1(leaf("description", "e")), DefaultOperation::Merge,
-     {"<description>e</description>", "<heuristic-detect-enable>true", "<name>p2</name>"}, {}},
-    {"ReplaceOnANodeDropsWhatIsNotNamed", p1(leaf("description", "e")) , DefaultOperation::Replace,
-     {"<description>e</description>"}, {"heuristic-detect-enable", "<name>p2</name>"}},
-    {"ReplaceAttributeOnOneEntry", av(vsys("vs1", profile("p1", leaf("description", "e"), op("replace")))),
-     DefaultOperation::Merge, {"<description>e</description>", "<name>p2</name>"}, {"heuristic-detect-enable"}},
+const std::string kView = "vs1/profile-av-p1(profile-av) ";
+std::string http(const std::string& action) {
+    return leaf("detect", leaf("protocol-type", "http") +
+                              leaf("detect-configuration", leaf("direction", "both") + leaf("action", action)));
+}
+const std::string kSignature =
+    leaf("exception-signature", leaf("id", "2002") + leaf("action", "block-source-ip") + leaf("timeout", "60"));
+
+const EditCase kEdits[] = {
+    // Operations.
+    {"MergeKeepsWhatIsNotNamed", p1(desc("e")), DefaultOperation::Merge,
+     {"<description>e</description>", "<heuristic-detect-enable>true", "<name>p2</name>"}},
+    {"ReplaceOnANodeDropsWhatIsNotNamed", p1(desc("e")), DefaultOperation::Replace, {"<description>e</description>"},
+     {"heuristic-detect-enable", "<name>p2</name>"}},
+    {"ReplaceAttributeOnOneEntry", av(vsys("vs1", profile("p1", desc("e"), op("replace")))), DefaultOperation::Merge,
+     {"<description>e</description>", "<name>p2</name>"}, {"heuristic-detect-enable"}},
     {"CreateANewEntry", av(vsys("vs1", profile("p3", "", op("create")))), DefaultOperation::Merge,
-     {"<name>p3</name>", "<name>p1</name>"}, {}},
+     {"<name>p3</name>", "<name>p1</name>"}},
     {"DeleteALeaf", p1(leaf("description", "", op("delete"))), DefaultOperation::Merge,
      {"<heuristic-detect-enable>true"}, {"description"}},
     {"RemoveOfAMissingNodeIsFine", p1(leaf("collect-attack-evidence-enable", "", op("remove"))),
      DefaultOperation::Merge, {"<description>d</description>"}, {"collect-attack"}},
     {"NoneChangesOnlyWhatCarriesAnOperation",
-     av(vsys("vs1", profile("p1", leaf("description", "ignored") + leaf("heuristic-detect-enable", "", op("delete"))))),
+     av(vsys("vs1", profile("p1", desc("ignored") + leaf("heuristic-detect-enable", "", op("delete"))))),
      DefaultOperation::None, {"<description>d</description>"}, {"ignored", "heuristic-detect-enable"}},
     {"NoneDoesNotCreateEmptyEntries", av(vsys("vs9", profile("p9", leaf("description", "", op("remove"))))),
      DefaultOperation::None, {"<name>vs1</name>"}, {"vs9", "p9"}},
     {"NoneCreatesParentsOfACreatedNode", av(vsys("vs9", profile("p9", "", op("create")))), DefaultOperation::None,
-     {"<name>vs9</name>", "<name>p9</name>"}, {}},
-    {"InsideAConfigElement",
-     std::string("<config xmlns=\"") + kNetconfNs + "\">" + p1(leaf("description", "e")) + "</config>",
-     DefaultOperation::Merge, {"<description>e</description>"}, {}},
+     {"<name>vs9</name>", "<name>p9</name>"}},
+    // Callbacks: removals (priorities 67, 64) before additions (6, 3); a
+    // container and both its leaves are added, after the profile.
+    {"ProfileBeforeItsSettings", p1(desc("first") + http("block")), {}, {}, {}, av(vsys("vs1", "")),
+     std::vector<std::string>{"vs1/system add: profile type av name p1", kView + "add: description first",
+                              kView + "add: http-detect direction both action block",
+                              kView + "add: http-detect direction both",
+                              kView + "add: http-detect direction both action block"}},
+    {"RemovalsBeforeAdditions", av(vsys("vs1", profile("p1", "", op("delete")) + profile("p3", desc("new")))), {}, {},
+     {}, p1(desc("old")),
+     std::vector<std::string>{"vs1/system del: undo profile type av name p1", "vs1/system add: profile type av name p3",
+                              "vs1/profile-av-p3(profile-av) add: description new"}},
+    {"ALeafOfAnEntryIsAChainOfTheEntry",
+     p1(leaf("detect", leaf("protocol-type", "http") + leaf("detect-configuration", leaf("action", "block")))), {}, {},
+     {}, p1(http("alert")), std::vector<std::string>{kView + "add: http-detect direction both action block"}},
+    {"ARemovedLeafThenItsEntry", p1(leaf("exception-signature", leaf("id", "2002") + leaf("timeout", "", op("delete")))),
+     {}, {}, {}, p1(kSignature),
+     std::vector<std::string>{kView + "del: exception av-signature-id 2002 action block-source-ip",
+                              kView + "add: exception av-signature-id 2002 action block-source-ip"}},
+    {"RemovedVsysSendsNothingForItsProfiles", av(vsys("vs1", "", op("delete"))), {}, {}, {},
+     av(vsys("vs1", leaf("antivirus-enable", "true") + profile("p1", ""))), std::vector<std::string>{}},
+    // Bad input: errors of the text libyang reads carry its line; errors
+    // found walking the parsed tree carry the node's instance path.
+    {.name = "CreateOfAnExistingEntry", .edit = av(vsys("vs1", profile("p1", "", op("create")))),
+     .refused = ErrorTag::DataExists, .path = kP1},
+    {.name = "DeleteOfAMissingEntry", .edit = av(vsys("vs1", profile("p7", "", op("delete")))),
+     .refused = ErrorTag::DataMissing, .path = kVs1 + "/profiles/profile[name='p7']"},
+    {.name = "MalformedXml", .edit = "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\">\n<vsys>\n</antivirus>",
+     .refused = ErrorTag::MalformedMessage, .path = kAv, .line = 3},
+    {.name = "UnknownElement", .edit = av("\n\n" + vsys("vs1", "\n<colour>red</colour>")),
+     .refused = ErrorTag::UnknownElement, .path = kVs1 + "/colour"},
+    {.name = "ValueOutOfRange", .edit = av(leaf("global", leaf("file-reputation-age-time", "178956971"))),
+     .refused = ErrorTag::InvalidValue, .path = kAv + "/global/file-reputation-age-time"},
+    {.name = "MissingKey", .edit = av(vsys("vs1", leaf("profiles", leaf("profile", desc("x"))))),
+     .refused = ErrorTag::MissingElement, .path = kVs1 + "/profiles/profile"},
+    {.name = "UnknownOperation", .edit = av(vsys("vs1", "", op("rename"))), .refused = ErrorTag::BadAttribute,
+     .path = kAv, .line = 1},
+    {.name = "ElementsInALeaf", .edit = p1(desc("<b>bold</b>")), .refused = ErrorTag::MalformedMessage,
+     .path = kP1 + "/description", .line = 1},
 };
 
-class Operations : public EngineTest, public ::testing::WithParamInterface<Applied> {};
+class Edits : public EngineTest, public ::testing::WithParamInterface<EditCase> {};
 
-TEST_P(Operations, ChangeTheRunningConfiguration) {
-    const Applied& a = GetParam();
-    Engine& engine = start(kRunning);
-    EditOptions options;
-    options.default_operation = a.default_operation;
-    const auto result = edit(a.edit, options);
-    ASSERT_TRUE(result.ok) << result.error->message;
-    const std::string running = engine.running_xml();
-    for (const std::string& fragment : a.present) EXPECT_THAT(running, HasSubstr(fragment));
-    for (const std::string& fragment : a.absent) EXPECT_THAT(running, ::testing::Not(HasSubstr(fragment)));
-}
-
-INSTANTIATE_TEST_SUITE_P(Engine, Operations, ::testing::ValuesIn(kApplied),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-// Errors of the text libyang reads carry its line; errors found walking the
-// parsed tree carry the node's instance path.
-struct Refused {
-    const char* name;
-    std::string edit;
-    ErrorTag tag;
-    std::string message;  // a part of the message
-    int line;
-    std::string path;
-};
-std::ostream& operator<<(std::ostream& out, const Refused& r) { return out << r.name; }
-
-const std::string kVs1 = "/tavrik-antivirus:antivirus/vsys[name='vs1']";
-
-const Refused kRefused[] = {
-    {"CreateOfAnExistingEntry", av(vsys("vs1", profile("p1", "", op("create")))), ErrorTag::DataExists,
-     "already exists", 0, kVs1 + "/profiles/profile[name='p1']"},
-    {"DeleteOfAMissingEntry", av(vsys("vs1", profile("p7", "", op("delete")))), ErrorTag::DataMissing,
-     "does not exist", 0, kVs1 + "/profiles/profile[name='p7']"},
-    {"MalformedXml", "<antivirus xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\">\n<vsys>\n</antivirus>",
-     ErrorTag::MalformedMessage, "Malformed XML", 3, "/tavrik-antivirus:antivirus"},
-    {"UnknownElement", av("\n\n" + vsys("vs1", "\n<colour>red</colour>")), ErrorTag::UnknownElement,
-     "Unknown element \"colour\" in \"vsys\"", 0, kVs1 + "/colour"},
-    {"ForeignNamespace", "<antivirus xmlns=\"urn:example\"/>", ErrorTag::UnknownElement, "not in the namespace", 0,
-     "/antivirus"},
-    {"StateData", "<antivirus-state xmlns=\"urn:tavrik:params:xml:ns:yang:tavrik-antivirus\"/>",
-     ErrorTag::InvalidValue, "state data", 0, "/tavrik-antivirus:antivirus-state"},
-    {"ValueOutOfRange", av("\n" + leaf("global", "\n" + leaf("file-reputation-age-time", "178956971"))),
-     ErrorTag::InvalidValue, "178956971", 0,
-     "/tavrik-antivirus:antivirus/global/file-reputation-age-time"},
-    {"VsysNameTooLong", av(vsys(std::string(32, 'v'), "")), ErrorTag::InvalidValue, "length", 0,
-     "/tavrik-antivirus:antivirus/vsys/name"},
-    {"MissingKey", av(vsys("vs1", "\n" + leaf("profiles", leaf("profile", leaf("description", "x"))))),
-     ErrorTag::MissingElement, "has no key \"name\"", 0, kVs1 + "/profiles/profile"},
-    {"UnknownOperation", av(vsys("vs1", "", op("rename"))), ErrorTag::BadAttribute, "\"rename\"", 1,
-     "/tavrik-antivirus:antivirus"},
-    {"TextWhereElementsBelong", av("words"), ErrorTag::BadElement, "Unexpected text", 0,
-     "/tavrik-antivirus:antivirus"},
-    {"ElementsInALeaf", p1(leaf("description", "<b>bold</b>")), ErrorTag::MalformedMessage, "inside a terminal node",
-     1, kVs1 + "/profiles/profile[name='p1']/description"},
-};
-
-class BadInput : public EngineTest, public ::testing::WithParamInterface<Refused> {};
-
-TEST_P(BadInput, IsRefusedWithItsLineAndChangesNothing) {
-    const Refused& r = GetParam();
-    Engine& engine = start(kRunning);
-    const std::string before = engine.running_xml();
-    const auto result = edit(r.edit);
-    ASSERT_FALSE(result.ok);
-    EXPECT_EQ(result.error->tag, r.tag);
-    EXPECT_THAT(result.error->message, HasSubstr(r.message));
-    EXPECT_EQ(result.error->line, r.line);
-    EXPECT_EQ(result.error->path, r.path);
-    EXPECT_EQ(engine.running_xml(), before);
-    EXPECT_TRUE(tavrik::runtime::journal().cached.empty());  // the module was not asked
-}
-
-INSTANTIATE_TEST_SUITE_P(Engine, BadInput, ::testing::ValuesIn(kRefused),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(EngineTest, EmptyEditChangesNothing) {
-    Engine& engine = start(kRunning);
-    const std::string before = engine.running_xml();
-    for (const char* text : {"", "  \n", "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>"}) {
-        const auto result = edit(text);
-        EXPECT_TRUE(result.ok) << text;
-        EXPECT_TRUE(result.lines.empty());
+TEST_P(Edits, ChangeTheRunningConfiguration) {
+    const EditCase& c = GetParam();
+    Engine& engine = start(c.running);
+    const std::string before = running();
+    const auto result = edit(c.edit, {.default_operation = c.default_operation});
+    if (c.refused) {
+        ASSERT_FALSE(result.ok);
+        EXPECT_EQ(result.error->tag, *c.refused) << result.error->message;
+        EXPECT_EQ(result.error->path, c.path);
+        EXPECT_EQ(result.error->line, c.line);
+        EXPECT_EQ(running(), before);
+        EXPECT_TRUE(tavrik::runtime::journal().cached.empty());
+        return;
     }
-    EXPECT_TRUE(engine.edit(nullptr).ok);
-    EXPECT_EQ(engine.running_xml(), before);
+    ASSERT_TRUE(result.ok) << result.error->message << " at " << result.error->path;
+    for (const std::string& part : c.present) EXPECT_THAT(engine.running_xml(), HasSubstr(part));
+    for (const std::string& part : c.absent) EXPECT_THAT(engine.running_xml(), ::testing::Not(HasSubstr(part)));
+    if (!c.lines) return;
+    EXPECT_EQ(brief(result.lines), *c.lines);
+    EXPECT_EQ(delivered(), *c.lines);
+    EXPECT_EQ(tavrik::runtime::default_platform().deliveries.size(), c.lines->size());
 }
 
-TEST_F(EngineTest, ValidateReportsABadValue) {
-    Engine& engine = start();
-    EXPECT_FALSE(engine.validate(kRunning));
-    const auto error = engine.validate(av("\n" + vsys(std::string(40, 'x'), "")));
-    ASSERT_TRUE(error);
-    EXPECT_EQ(error->tag, ErrorTag::InvalidValue);
-    EXPECT_THAT(error->message, HasSubstr("length"));
-    EXPECT_EQ(engine.running_xml(), "");
-}
+INSTANTIATE_TEST_SUITE_P(Engine, Edits, ::testing::ValuesIn(kEdits),
+                         [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(EngineTest, RunningConfigurationRoundTrips) {
-    Engine& engine = start(kRunning);
-    const std::string text = engine.running_xml();
-    Engine again(TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, text);
-    EXPECT_EQ(again.running_xml(), text);
-    EXPECT_EQ(engine.model_name(), "tavrik-antivirus");
-    EXPECT_EQ(engine.model_namespace(), "urn:tavrik:params:xml:ns:yang:tavrik-antivirus");
+TEST_F(EngineTest, DefaultOperationsByTheirWordsAndEmptyEdits) {
+    EXPECT_EQ(tavrik::engine::default_operation_named("replace"), DefaultOperation::Replace);
+    EXPECT_EQ(tavrik::engine::default_operation_named("none"), DefaultOperation::None);
+    EXPECT_EQ(tavrik::engine::default_operation_named("delete"), std::nullopt);
+    start(kRunning);
+    const std::string before = running();
+    for (const char* text : {"", "  \n", "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\"/>"})
+        EXPECT_TRUE(edit(text).ok && edit(text).changes.empty()) << text;
+    EXPECT_EQ(engine().validate(av(vsys(std::string(40, 'x'), ""))).value_or(RpcError()).tag, ErrorTag::InvalidValue);
+    EXPECT_EQ(running(), before);
 }
 
 }  // namespace

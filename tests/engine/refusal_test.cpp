@@ -1,104 +1,117 @@
-// All or nothing: refusals of the module and of the platform, dry runs.
+// All or nothing: an edit refused at any stage (the model, the module, the
+// check, a line of the platform, the vsys feature) leaves the running
+// configuration, plain data included, and the platform as they were; what
+// the platform already carried out is taken back.
 #include "engine_fixture.hpp"
-#include "tavrik/appliance.hpp"
 
 namespace tktest {
 namespace {
 
-using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::IsEmpty;
+// Entries in the middle of their lists go and come back in their place.
+const std::string kIds = leaf("exception-signature-id", "1") + leaf("exception-signature-id", "2");
+const std::string kRunning =
+    av(vsys("vs1", leaf("antivirus-enable", "true") + profile("p1", desc("a") + kIds) + profile("p2", desc("b")) +
+                       profile("p3", desc("c") + leaf("whitelists", leaf("source-address", "10.0.0.1")))) +
+       vsys("vs2", profile("q1", "")) + leaf("global", leaf("file-reputation-age-time", "3")));
+const std::string kEdit =
+    av(vsys("vs1", profile("p1", desc("changed") + leaf("exception-signature-id", "1", op("delete"))) +
+                       profile("p2", "", op("delete")) + profile("p3", desc("new"), op("replace")) +
+                       profile("p4", desc("d"))) +
+       vsys("vs2", "", op("delete"))) +
+    nacm(group("admins", "", op("delete")) + leaf("read-default", "permit") + group("ops", "oper"));
 
-class Refusals : public EngineTest {};
-
-const std::string kProfilePath = "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:profiles/tk-antivirus:profile";
-const std::string kP1 = "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']";
-
-struct ModuleRefusal {
+struct Stage {
     const char* name;
-    std::string running;
-    std::string edit;
-    ErrorTag tag;
-    std::string message;
-    std::string path;         // the changed node's
-    std::string module_path;  // the module's own
-    int code;
+    std::string fault;      // more of the edit
+    ErrorTag tag = ErrorTag::OperationFailed;
+    // The refusing party's code; the line the appliance refuses (-1: the last; 0: none).
+    int code = 0, refused_line = 0;
+    bool vsys_refused = false, check_refuses = false, dry_run = false, test_only = false;
 };
-std::ostream& operator<<(std::ostream& out, const ModuleRefusal& r) { return out << r.name; }
+std::ostream& operator<<(std::ostream& out, const Stage& s) { return out << s.name; }
 
-const ModuleRefusal kModuleRefusals[] = {
-    // Accepted changes come before the refused one in the same edit; nothing
-    // of them may reach the platform.
-    {"InTheMiddleOfAnEdit", p1(""),
-     p1(leaf("description", "fine") + leaf("collect-attack-evidence-enable", "true") +
-        leaf("heuristic-detect-enable", "maybe") + leaf("exception-signature-id", "1001")),
-     ErrorTag::OperationFailed, "Unknown input.", kP1 + "/heuristic-detect-enable",
-     kProfilePath + "/heuristic-detect-enable", 1},
-    {"BadElement", p1(""), p1(leaf("description", "why?")), ErrorTag::BadElement, "The profile description has '?'.",
-     kP1 + "/description", kProfilePath + "/description", 9},
-    {"MissingElement", "", av(vsys("public", leaf("antivirus-enable", "true"))), ErrorTag::MissingElement,
-     "The public vsys is not support.", "/tavrik-antivirus:antivirus/vsys[name='public']/antivirus-enable",
-     "/tk-antivirus:antivirus/tk-antivirus:vsys/tk-antivirus:antivirus-enable", 8},
-    {"UnknownElement", av(vsys("vs1", "")), av(vsys("vs1", profile("   ", ""))), ErrorTag::UnknownElement,
-     "AV netconf check Node Name failed.", "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='   ']",
-     kProfilePath, 10},
+const Stage kStages[] = {
+    {"ByTheModel", av(leaf("global", leaf("file-reputation-age-time", "many"))), ErrorTag::InvalidValue},
+    // The module's code gives the tag.
+    {"ByTheModule", p1(desc("why?")), ErrorTag::BadElement, 9},
+    {"ByTheModuleWithoutTag", p1(leaf("heuristic-detect-enable", "maybe")), ErrorTag::OperationFailed, 1},
+    {"ByTheModuleForAMissingElement", av(vsys("public", leaf("antivirus-enable", "true"))), ErrorTag::MissingElement, 8},
+    {"ByTheModuleForAnUnknownElement", av(vsys("vs1", profile("   ", ""))), ErrorTag::UnknownElement, 10},
+    // A rule without its mandatory action: libyang's validation of the data module.
+    {"ByTheDataModulesModel", nacm(leaf("rule-list", leaf("name", "r") + leaf("rule", leaf("name", "r1")))),
+     ErrorTag::InvalidValue},
+    {"ByTheCheck", "", ErrorTag::AccessDenied, 0, 0, false, true},
+    {"ThePlatformsFirstLine", "", ErrorTag::OperationFailed, 9, 1},
+    {"ThePlatformsLastLine", "", ErrorTag::OperationFailed, 9, -1},
+    {"ByTheVsysFeature", "", ErrorTag::OperationFailed, 42, 0, true},
+    {"DryRun", "", ErrorTag::OperationFailed, 0, 0, false, false, true},
+    {"TestOnlyAsksNoModule", p1(desc("why?")), ErrorTag::OperationFailed, 0, 0, false, false, false, true},
 };
 
-class ModuleRefusals : public EngineTest, public ::testing::WithParamInterface<ModuleRefusal> {};
+class RefusedAtEveryStage : public ApplianceTest, public ::testing::WithParamInterface<Stage> {};
 
-TEST_P(ModuleRefusals, LeaveThePlatformAndTheRunningConfigurationUntouched) {
-    const ModuleRefusal& r = GetParam();
-    Engine& engine = start(r.running);
-    const std::string before = engine.running_xml();
-    const auto result = edit(r.edit);
-    ASSERT_FALSE(result.ok);
-    ASSERT_TRUE(result.error);
-    EXPECT_EQ(result.error->tag, r.tag);
-    EXPECT_EQ(result.error->message, r.message);
-    EXPECT_EQ(result.error->path, r.path);
-    EXPECT_EQ(result.error->module_path, r.module_path);
-    EXPECT_THAT(r.path, ::testing::EndsWith(result.error->bad_element + (r.code == 10 ? "[name='   ']" : "")));
-    EXPECT_EQ(result.error->app_code, r.code);
-    EXPECT_TRUE(result.lines.empty());
-    EXPECT_TRUE(delivered().empty());
-    EXPECT_EQ(engine.running_xml(), before);
+TEST_P(RefusedAtEveryStage, LeavesRunningAndThePlatformAsTheyWere) {
+    const Stage& s = GetParam();
+    start_with_appliance(kRunning, kNacm);
+    ASSERT_TRUE(edit(nacm(group("admins", "alice") + leaf("read-default", "deny"))).ok);
+    const std::string before = running();
+    const auto platform = appliance.configuration();
+    const std::string edit_xml = kEdit + s.fault;
+    const size_t lines = edit(edit_xml, {.dry_run = true}).lines.size();
+    ASSERT_GE(lines, s.fault.empty() ? 5u : 0u);
+    if (s.refused_line) appliance.refuse_line(s.refused_line > 0 ? s.refused_line : static_cast<unsigned>(lines), 9);
+    if (s.vsys_refused) appliance.fail_vsys_removal(42);
+    tavrik::runtime::reset_journal();
+    const auto result =
+        edit(edit_xml, {.test_only = s.test_only, .dry_run = s.dry_run, .check = s.check_refuses ? deny : nullptr});
+    ASSERT_EQ(result.ok, s.dry_run || s.test_only);
+    if (s.test_only) { EXPECT_TRUE(tavrik::runtime::journal().cached.empty()); }
+    if (s.dry_run) { EXPECT_EQ(result.lines.size(), lines); }
+    if (!result.ok) {
+        EXPECT_EQ(result.error->tag, s.tag) << result.error->message;
+        EXPECT_EQ(result.error->app_code, s.code);
+        EXPECT_EQ(result.lines.empty(), !s.refused_line && !s.vsys_refused);  // sent: restored too
+    }
+    EXPECT_EQ(running(), before);
+    EXPECT_EQ(appliance.configuration(), platform)
+        << ::testing::PrintToString(tavrik::appliance::differences(platform, appliance.configuration()));
+    // And the same edit goes through afterwards.
+    if (!result.ok && s.fault.empty() && !s.check_refuses) {
+        const auto again = edit(edit_xml);
+        EXPECT_TRUE(again.ok);
+        EXPECT_THAT(engine().running_xml(), ::testing::Not(HasSubstr("admins")));
+        EXPECT_FALSE(appliance.configuration().vsys.contains("vs2"));
+        EXPECT_THAT(appliance_differences(), IsEmpty());
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Engine, ModuleRefusals, ::testing::ValuesIn(kModuleRefusals),
+INSTANTIATE_TEST_SUITE_P(Engine, RefusedAtEveryStage, ::testing::ValuesIn(kStages),
                          [](const auto& info) { return std::string(info.param.name); });
 
-const std::string kHttp = leaf(
-    "detect", leaf("protocol-type", "http") +
-                  leaf("detect-configuration", leaf("direction", "both") + leaf("action", "alert")));
-
-TEST_F(Refusals, FailureWithoutErrorRecordNamesTheCallbackAndTheNode) {
-    start(p1(kHttp));
+TEST_F(EngineTest, FailureWithoutErrorRecordNamesTheCallbackAndTheNode) {
+    start(p1(leaf("detect", leaf("protocol-type", "http") +
+                                leaf("detect-configuration", leaf("direction", "both") + leaf("action", "alert")))));
     // A direction leaf without text: its handler ends with 1 and says nothing.
     const auto result =
         edit(p1(leaf("detect", leaf("protocol-type", "http") + leaf("detect-configuration", "<direction/>"))));
     ASSERT_FALSE(result.ok);
-    EXPECT_EQ(result.error->tag, ErrorTag::OperationFailed);
     EXPECT_EQ(result.error->app_code, 1);
+    EXPECT_EQ(result.error->path, kP1 + "/detect[protocol-type='http']/detect-configuration/direction");
     EXPECT_THAT(result.error->message, HasSubstr("callback_AV_ProfileDetectConfigDirection_ADD"));
-    EXPECT_EQ(result.error->path,
-              "/tavrik-antivirus:antivirus/vsys[name='vs1']/profiles/profile[name='p1']/"
-              "detect[protocol-type='http']/detect-configuration/direction");
     EXPECT_THAT(result.error->message, HasSubstr(result.error->path));
-    EXPECT_TRUE(delivered().empty());
 }
 
-TEST_F(Refusals, PlatformRefusalIsUndoneAndReported) {
-    Engine& engine = start(av(vsys("vs1", "")));
-    const std::string before = engine.running_xml();
+// What was carried out is taken back, in reverse: the profile goes, and its
+// description with it.
+TEST_F(EngineTest, PlatformRefusalIsUndoneAndReported) {
+    start(av(vsys("vs1", "")));
+    const std::string before = running();
     tavrik::runtime::default_platform().next_results = {0, 0, 5};
-    const auto result = edit(p1(leaf("description", "d") + leaf("collect-attack-evidence-enable", "true")));
+    const auto result = edit(p1(desc("d") + leaf("collect-attack-evidence-enable", "true")));
     ASSERT_FALSE(result.ok);
     EXPECT_EQ(result.error->tag, ErrorTag::OperationFailed);
     EXPECT_EQ(result.error->app_code, 5);
     EXPECT_THAT(result.error->message, HasSubstr("\"collect-attack-evidence enable\""));
-    EXPECT_THAT(result.error->message, HasSubstr("code 5"));
-    // What was carried out is taken back: the profile goes, and its
-    // description with it.
     const std::vector<std::string> expected = {
         "vs1/system add: profile type av name p1",
         "vs1/profile-av-p1(profile-av) add: description d",
@@ -107,105 +120,35 @@ TEST_F(Refusals, PlatformRefusalIsUndoneAndReported) {
     };
     EXPECT_EQ(delivered(), expected);
     EXPECT_EQ(brief(result.lines), expected);
-    EXPECT_EQ(engine.running_xml(), before);
-}
-
-// With the simulated appliance behind the channel, a refused line leaves the
-// appliance exactly as it was, whatever the edit had already changed.
-class ApplianceRefusals : public ApplianceTest {};
-
-TEST_F(ApplianceRefusals, ApplianceIsRestoredAfterARefusedLine) {
-    const std::string running = av(vsys("vs1", leaf("antivirus-enable", "true") +
-                                                   profile("p1", leaf("description", "a") + kHttp) +
-                                                   profile("p2", leaf("heuristic-detect-enable", "true"))) +
-                                   leaf("global", leaf("file-reputation-age-time-hour", "48")));
-    Engine& engine = start_with_appliance(running);
-    const auto before = appliance.configuration();
-
-    // Removal of p2 (64), then at 67 the aging time, then at 3 the new
-    // description, the changed detection and an address the appliance
-    // refuses.
-    const auto result = edit(
-        av(vsys("vs1", profile("p2", "", op("delete")) +
-                           profile("p1", leaf("description", "b") +
-                                             leaf("detect", leaf("protocol-type", "http") +
-                                                                leaf("detect-configuration", leaf("action", "block"))) +
-                                             leaf("whitelists", leaf("source-address", "not-an-address")))) +
-           leaf("global", leaf("file-reputation-age-time-hour", "", op("delete")))));
-    ASSERT_FALSE(result.ok);
-    EXPECT_EQ(result.error->app_code, tavrik::appliance::kValue);
-    EXPECT_THAT(result.error->message, HasSubstr("whitelist source-address not-an-address"));
-    EXPECT_EQ(appliance.configuration(), before) << ::testing::PrintToString(
-        tavrik::appliance::differences(before, appliance.configuration()));
-    EXPECT_NE(engine.running_xml().find("<description>a</description>"), std::string::npos);
+    EXPECT_EQ(running(), before);
 }
 
 // A signature exception whose action or timeout goes: the leaf's removal
-// line (priority 67) reaches the appliance, then a line at priority 3 is
-// refused before the entry's own line is sent. The restore re-adds the leaf,
-// whose handler sends nothing; the entry's line, carried by its chain change,
-// must restore the appliance even though that change never ran.
-struct HalfDoneSignature {
-    const char* name;
-    std::string exception;  // the entry's leaves beside its id
-    std::string removed;    // the leaf the edit removes
-    std::string restoring;  // the line that brings the appliance back
-};
-std::ostream& operator<<(std::ostream& out, const HalfDoneSignature& c) { return out << c.name; }
-
-class HalfDoneSignatures : public ApplianceTest, public ::testing::WithParamInterface<HalfDoneSignature> {};
-
-TEST_P(HalfDoneSignatures, RestoreSendsTheEntrysLine) {
-    const HalfDoneSignature& c = GetParam();
-    const std::string running =
-        p1(leaf("description", "a") + leaf("exception-signature", leaf("id", "100") + c.exception));
-    Engine& engine = start_with_appliance(running);
-    const auto before = appliance.configuration();
-
-    appliance.refuse_line(2);  // the description, after the leaf's removal
-    const auto result = edit(
-        p1(leaf("description", "b") + leaf("exception-signature", leaf("id", "100") + leaf(c.removed, "", op("delete")))));
-    ASSERT_FALSE(result.ok);
-    EXPECT_EQ(result.error->app_code, tavrik::appliance::kInjected);
-    EXPECT_THAT(result.error->message, HasSubstr("\"description b\""));
-    EXPECT_EQ(describe(appliance.configuration()), describe(before));
-    EXPECT_THAT(appliance_differences(), IsEmpty());
-    EXPECT_NE(engine.running_xml().find("<" + c.removed + ">"), std::string::npos);
-    ASSERT_FALSE(result.lines.empty());
-    EXPECT_EQ(result.lines.back().line, c.restoring);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Engine, HalfDoneSignatures,
-    ::testing::Values(HalfDoneSignature{"Action", leaf("action", "allow"), "action",
-                                        "exception av-signature-id 100 action allow"},
-                      HalfDoneSignature{"Timeout", leaf("action", "block-source-ip") + leaf("timeout", "30"),
-                                        "timeout", "exception av-signature-id 100 action block-source-ip timeout 30"}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(Refusals, DryRunReturnsTheLinesAndDeliversNothing) {
-    Engine& engine = start(p1(""));
-    const std::string before = engine.running_xml();
-    const auto result = edit(p1(leaf("description", "d")), {.dry_run = true});
-    ASSERT_TRUE(result.ok);
-    EXPECT_THAT(brief(result.lines), ElementsAre("vs1/profile-av-p1(profile-av) add: description d"));
-    EXPECT_TRUE(delivered().empty());
-    EXPECT_EQ(engine.running_xml(), before);
-}
-
-TEST_F(Refusals, TestOnlyValidatesWithoutCallingTheModule) {
-    Engine& engine = start(p1(""));
-    const std::string before = engine.running_xml();
-    const EditOptions options{.test_only = true};
-    const auto accepted = edit(p1(leaf("description", "why?")), options);
-    EXPECT_TRUE(accepted.ok);  // only the module would refuse this
-    EXPECT_TRUE(accepted.lines.empty());
-    EXPECT_TRUE(tavrik::runtime::journal().cached.empty());
-    const auto refused = edit(av(vsys(std::string(32, 'v'), "")), options);
-    ASSERT_FALSE(refused.ok);
-    EXPECT_EQ(refused.error->tag, ErrorTag::InvalidValue);
-    EXPECT_EQ(engine.running_xml(), before);
-    EXPECT_TRUE(delivered().empty());
+// line (priority 67) reaches the appliance, then the description (priority
+// 3) is refused before the entry's own line is sent. The restore re-adds the
+// leaf, whose handler sends nothing; the entry's line, carried by its chain
+// change, must restore the appliance even though that change never ran.
+TEST_F(ApplianceTest, HalfDoneSignatureRestoreSendsTheEntrysLine) {
+    const struct {
+        std::string exception;  // the entry's leaves beside its id
+        std::string removed;    // the leaf the edit removes
+        std::string restoring;  // the line that brings the appliance back
+    } cases[] = {{leaf("action", "allow"), "action", "exception av-signature-id 100 action allow"},
+                 {leaf("action", "block-source-ip") + leaf("timeout", "30"), "timeout",
+                  "exception av-signature-id 100 action block-source-ip timeout 30"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.removed);
+        start_with_appliance(p1(desc("a") + leaf("exception-signature", leaf("id", "100") + c.exception)));
+        const auto before = appliance.configuration();
+        appliance.refuse_line(2);
+        const auto result =
+            edit(p1(desc("b") + leaf("exception-signature", leaf("id", "100") + leaf(c.removed, "", op("delete")))));
+        ASSERT_FALSE(result.ok);
+        EXPECT_EQ(appliance.configuration(), before);
+        EXPECT_THAT(appliance_differences(), IsEmpty());
+        ASSERT_FALSE(result.lines.empty());
+        EXPECT_EQ(result.lines.back().line, c.restoring);
+    }
 }
 
 }  // namespace

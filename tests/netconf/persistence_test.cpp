@@ -12,7 +12,7 @@
 #include <fstream>
 
 #include "print_tree.hpp"
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 #include "journal.hpp"
 #include "tavrik/netconf/datastore.hpp"
 

@@ -1,8 +1,5 @@
 // The appliance as the channel's platform: messages, documents, faults and
 // the saved state.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <fstream>
 #include <memory>
@@ -10,6 +7,7 @@
 #include <system_error>
 
 #include "detail.hpp"
+#include "tavrik/atomic_file.hpp"
 
 namespace tavrik::appliance {
 namespace {
@@ -34,43 +32,6 @@ Configuration rebuild(const Configuration& wanted, const std::string& where) {
                                  (diff.empty() ? std::string() : ": " + diff.front()));
     }
     return built;
-}
-
-void write_all(int fd, const std::string& text, const std::filesystem::path& file) {
-    for (std::size_t done = 0; done < text.size();) {
-        ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) throw std::system_error(errno, std::generic_category(), "write " + file.string());
-        done += static_cast<std::size_t>(n);
-    }
-}
-
-// Temporary file beside the target, fsync, rename over the target, fsync of
-// the directory: a crash leaves the old file or the new one, never a mix.
-void replace_file(const std::filesystem::path& file, const std::string& text) {
-    std::filesystem::path temporary = file;
-    temporary += ".tmp." + std::to_string(::getpid());
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) throw std::system_error(errno, std::generic_category(), "create " + temporary.string());
-    try {
-        write_all(fd, text, temporary);
-        if (::fsync(fd) != 0) throw std::system_error(errno, std::generic_category(), "fsync " + temporary.string());
-        int closed = ::close(fd);
-        fd = -1;
-        if (closed != 0) throw std::system_error(errno, std::generic_category(), "close " + temporary.string());
-        if (::rename(temporary.c_str(), file.c_str()) != 0)
-            throw std::system_error(errno, std::generic_category(), "rename to " + file.string());
-    } catch (...) {
-        if (fd >= 0) ::close(fd);
-        ::unlink(temporary.c_str());
-        throw;
-    }
-    std::filesystem::path dir = file.parent_path().empty() ? "." : file.parent_path();
-    int dfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        ::fsync(dfd);
-        ::close(dfd);
-    }
 }
 
 std::string read_file(const std::filesystem::path& file) {
@@ -280,7 +241,7 @@ void Appliance::save(const std::filesystem::path& file) const {
         xml.close();
     }
     xml.close();
-    replace_file(file, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + xml.take());
+    write_file_atomically(file.string(), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n" + xml.take(), 0644, true);
 }
 
 void Appliance::load(const std::filesystem::path& file) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "output.hpp"
+#include "tavrik/atomic_file.hpp"
 #include "tavrik/appliance.hpp"
 #include "tavrik/engine.hpp"
 #include "tavrik/runtime.hpp"
@@ -161,14 +162,9 @@ Options parse(int argc, char** argv) {
                 throw UsageError{"unknown platform \"" + options.platform + "\" (appliance or recording)"};
         } else if (arg == "--default-operation") {
             const std::string op = value();
-            if (op == "merge")
-                options.default_operation = engine::DefaultOperation::Merge;
-            else if (op == "replace")
-                options.default_operation = engine::DefaultOperation::Replace;
-            else if (op == "none")
-                options.default_operation = engine::DefaultOperation::None;
-            else
-                throw UsageError{"unknown default operation \"" + op + "\" (merge, replace or none)"};
+            const auto named = engine::default_operation_named(op);
+            if (!named) throw UsageError{"unknown default operation \"" + op + "\" (merge, replace or none)"};
+            options.default_operation = *named;
         } else if (arg.size() > 1 && arg[0] == '-') {
             throw UsageError{"unknown option " + arg};
         } else if (options.command.empty()) {
@@ -223,7 +219,7 @@ template <class Work>
 int with_engine(const Options& options, bool running_may_be_missing, Work work) {
     if (!options.running) throw UsageError{options.command + " needs --running RUNNING.xml"};
     const fs::path running = *options.running;
-    std::optional<std::string> running_text = read_file(running);
+    std::optional<std::string> running_text = read_file(running.string());
     if (!running_text) {
         if (!running_may_be_missing) return fail(running.string() + " does not exist");
         std::cerr << "tkav: " << running.string() << " does not exist; starting from an empty configuration\n";
@@ -248,7 +244,7 @@ int with_engine(const Options& options, bool running_may_be_missing, Work work) 
 int apply(const Options& options) {
     if (options.arguments.size() != 1) throw UsageError{"apply needs exactly one edit file"};
     const fs::path edit_file = options.arguments.front();
-    const std::optional<std::string> edit = read_file(edit_file);
+    const std::optional<std::string> edit = read_file(edit_file.string());
     if (!edit) return fail(edit_file.string() + " does not exist");
     return with_engine(options, true, [&](engine::Engine& engine, const fs::path& running) {
         const std::string before = engine.running_xml();
@@ -277,7 +273,7 @@ int apply(const Options& options) {
             std::cout << count << " sent; the configuration did not change.\n";
             return kDone;
         }
-        write_file_atomically(running, after);
+        write_file_atomically(running.string(), after, 0644, true);
         std::cout << count << " sent; " << running.string() << " updated.\n";
         return kDone;
     });

@@ -1,9 +1,6 @@
-// What tkav prints and writes: the transcript of sent lines, rpc-errors, and
-// files replaced atomically.
+// What tkav prints: the transcript of sent lines and rpc-errors.
 #pragma once
 
-#include <filesystem>
-#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -19,13 +16,5 @@ void print_transcript(std::ostream& out, const std::vector<engine::SentLine>& li
 // tag, the instance path, the module's own path and the refusing party's
 // code on the lines below.
 void print_error(std::ostream& out, const std::string& file, const engine::RpcError& error);
-
-// The whole content of a file; nullopt when it does not exist. Throws
-// std::runtime_error when it cannot be read.
-std::optional<std::string> read_file(const std::filesystem::path& file);
-
-// Replaces `file` with `text`: a temporary file beside it, flushed to disk,
-// renamed over the old one. Throws std::runtime_error.
-void write_file_atomically(const std::filesystem::path& file, const std::string& text);
 
 }  // namespace tavrik::cli

@@ -59,7 +59,7 @@ AppliedEdit::~AppliedEdit() {
 
 // ---- the edit ---------------------------------------------------------------
 
-std::optional<RpcError> AppliedEdit::apply(const lyd_node* edit, DefaultOperation default_operation, bool complete) {
+std::optional<RpcError> AppliedEdit::apply(const lyd_node* edit, DefaultOperation default_operation) {
     if (edit && LYD_CTX(edit) != model_.context())
         return RpcError(ErrorType::Application, ErrorTag::OperationFailed,
                         "The edit was parsed in another schema context than the engine's.");
@@ -68,13 +68,6 @@ std::optional<RpcError> AppliedEdit::apply(const lyd_node* edit, DefaultOperatio
                                                                  : Op::Merge;
     QuietLibyang quiet;
     if (edit && !apply_siblings(lyd_first_sibling(edit), nullptr, 0, op, false)) return error_;
-    if (complete) {
-        // What the edit did not reach is not in the new configuration.
-        std::vector<lyd_node*> unnamed;
-        for (lyd_node* node = tree_.get(); node; node = node->next)
-            if (touch_of(node) < 0 && present(node)) unnamed.push_back(node);
-        for (lyd_node* node : unnamed) remove(node, 0, false);
-    }
     return error_;
 }
 

@@ -32,11 +32,9 @@ public:
     AppliedEdit(const AppliedEdit&) = delete;
     AppliedEdit& operator=(const AppliedEdit&) = delete;
 
-    // Applies the edit whose first top-level node is `edit` (null: none);
-    // `complete`: the edit is a whole configuration, and the configured
-    // top-level nodes it does not name go. After an error the tree is
-    // partly edited: undo().
-    std::optional<RpcError> apply(const lyd_node* edit, DefaultOperation default_operation, bool complete = false);
+    // Applies the edit whose first top-level node is `edit` (null: none).
+    // After an error the tree is partly edited: undo().
+    std::optional<RpcError> apply(const lyd_node* edit, DefaultOperation default_operation);
 
     // The modules whose data the edit changed or reached (after apply()).
     std::vector<const lys_module*> modules() const;

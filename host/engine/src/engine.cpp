@@ -424,12 +424,12 @@ EditResult Engine::edit(const lyd_node* config, const EditOptions& options) {
         // which is validated and compared whole.
         Tree copy = copy_running();
         AppliedEdit applied(impl.model, copy);
-        if (auto error = applied.apply(config, options.default_operation, options.complete)) return failed(*error);
+        if (auto error = applied.apply(config, options.default_operation)) return failed(*error);
         applied.keep();
         return impl.commit(std::move(copy), options);
     }
     AppliedEdit applied(impl.model, impl.running);
-    if (auto error = applied.apply(config, options.default_operation, options.complete)) return failed(*error);
+    if (auto error = applied.apply(config, options.default_operation)) return failed(*error);
     Validated validated;
     if (auto error = impl.validate_changed(impl.running, applied, validated)) return failed(*error);
     ChangeSet changes(impl.model);

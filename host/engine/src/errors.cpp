@@ -1,7 +1,9 @@
 // rpc-errors: the names of types and tags, the module's codes, libyang's
-// errors.
+// errors; the words of default operations.
 #include <cstdlib>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 #include "support.hpp"
 #include "transapi.h"
@@ -18,24 +20,63 @@ std::string_view name_of(ErrorType type) {
     return "application";
 }
 
-std::string_view name_of(ErrorTag tag) {
-    static constexpr std::string_view kNames[] = {
-        "in-use",          "invalid-value",   "too-big",          "missing-attribute",       "bad-attribute",
-        "unknown-attribute", "missing-element", "bad-element",    "unknown-element",         "unknown-namespace",
-        "access-denied",   "lock-denied",     "resource-denied",  "rollback-failed",         "data-exists",
-        "data-missing",    "operation-not-supported", "operation-failed", "malformed-message",
-    };
-    static_assert(std::size(kNames) == static_cast<size_t>(ErrorTag::MalformedMessage) + 1);
-    return kNames[static_cast<size_t>(tag)];
+namespace {
+
+// Every tag in the order of ErrorTag (RFC 6241's order) with its name and,
+// where the module refuses with it, the module's code.
+struct TagRow {
+    ErrorTag tag;
+    std::string_view name;
+    int module_code = -1;
+};
+constexpr TagRow kTags[] = {
+    {ErrorTag::InUse, "in-use"},
+    {ErrorTag::InvalidValue, "invalid-value"},
+    {ErrorTag::TooBig, "too-big"},
+    {ErrorTag::MissingAttribute, "missing-attribute"},
+    {ErrorTag::BadAttribute, "bad-attribute"},
+    {ErrorTag::UnknownAttribute, "unknown-attribute"},
+    {ErrorTag::MissingElement, "missing-element", NC_ERR_MISSING_ELEM},
+    {ErrorTag::BadElement, "bad-element", NC_ERR_BAD_ELEM},
+    {ErrorTag::UnknownElement, "unknown-element", NC_ERR_UNKNOWN_ELEM},
+    {ErrorTag::UnknownNamespace, "unknown-namespace"},
+    {ErrorTag::AccessDenied, "access-denied"},
+    {ErrorTag::LockDenied, "lock-denied"},
+    {ErrorTag::ResourceDenied, "resource-denied"},
+    {ErrorTag::RollbackFailed, "rollback-failed"},
+    {ErrorTag::DataExists, "data-exists"},
+    {ErrorTag::DataMissing, "data-missing"},
+    {ErrorTag::OperationNotSupported, "operation-not-supported"},
+    {ErrorTag::OperationFailed, "operation-failed", NC_ERR_OP_FAILED},
+    {ErrorTag::MalformedMessage, "malformed-message"},
+};
+static_assert(std::size(kTags) == static_cast<size_t>(ErrorTag::MalformedMessage) + 1);
+constexpr bool in_order() {
+    for (size_t i = 0; i < std::size(kTags); ++i)
+        if (kTags[i].tag != static_cast<ErrorTag>(i)) return false;
+    return true;
 }
+static_assert(in_order());
+
+constexpr std::pair<std::string_view, DefaultOperation> kDefaultOperations[] = {
+    {"merge", DefaultOperation::Merge}, {"replace", DefaultOperation::Replace}, {"none", DefaultOperation::None}};
+
+}  // namespace
+
+std::string_view name_of(ErrorTag tag) { return kTags[static_cast<size_t>(tag)].name; }
+
+int number_of(ErrorTag tag) { return static_cast<int>(tag) + 1; }
 
 ErrorTag tag_of_module_code(int code) {
-    switch (code) {
-        case NC_ERR_MISSING_ELEM: return ErrorTag::MissingElement;
-        case NC_ERR_BAD_ELEM: return ErrorTag::BadElement;
-        case NC_ERR_UNKNOWN_ELEM: return ErrorTag::UnknownElement;
-        default: return ErrorTag::OperationFailed;
-    }
+    for (const TagRow& row : kTags)
+        if (row.module_code == code) return row.tag;
+    return ErrorTag::OperationFailed;
+}
+
+std::optional<DefaultOperation> default_operation_named(std::string_view word) {
+    for (const auto& [name, operation] : kDefaultOperations)
+        if (name == word) return operation;
+    return std::nullopt;
 }
 
 RpcError libyang_error(const ly_ctx* ctx, ErrorTag tag, ErrorType type) {

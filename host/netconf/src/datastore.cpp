@@ -19,7 +19,7 @@
 #include <system_error>
 #include <thread>
 
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 #include "journal.hpp"
 #include "tavrik/appliance.hpp"
 #include "tavrik/runtime.hpp"

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 
 namespace tavrik::netconf {
 namespace {

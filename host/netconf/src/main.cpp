@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 #include "relay.hpp"
 #include "service.hpp"
 
@@ -72,7 +72,7 @@ int main(int argc, char* argv[]) {
         sigaction(SIGHUP, &action, nullptr);
         // Whoever waits for the pid file may connect once it is there.
         if (!options.pid_file.empty())
-            write_file_atomically(options.pid_file, std::to_string(::getpid()) + "\n", 0644, false);
+            tavrik::write_file_atomically(options.pid_file, std::to_string(::getpid()) + "\n", 0644, false);
         const int status = server.run();
         g_server = nullptr;
         if (!options.pid_file.empty()) ::unlink(options.pid_file.c_str());

@@ -73,16 +73,9 @@ void append(Tree& tree, lyd_node* more) {
 using engine::ErrorTag;
 using engine::ErrorType;
 
-// libnetconf2's code of each tag, in the order of ErrorTag.
-constexpr NC_ERR kNcTags[] = {
-    NC_ERR_IN_USE,          NC_ERR_INVALID_VALUE,    NC_ERR_TOO_BIG,        NC_ERR_MISSING_ATTR, NC_ERR_BAD_ATTR,
-    NC_ERR_UNKNOWN_ATTR,    NC_ERR_MISSING_ELEM,     NC_ERR_BAD_ELEM,       NC_ERR_UNKNOWN_ELEM, NC_ERR_UNKNOWN_NS,
-    NC_ERR_ACCESS_DENIED,   NC_ERR_LOCK_DENIED,      NC_ERR_RES_DENIED,     NC_ERR_ROLLBACK_FAILED,
-    NC_ERR_DATA_EXISTS,     NC_ERR_DATA_MISSING,     NC_ERR_OP_NOT_SUPPORTED, NC_ERR_OP_FAILED, NC_ERR_MALFORMED_MSG,
-};
-static_assert(std::size(kNcTags) == static_cast<std::size_t>(ErrorTag::MalformedMessage) + 1);
-
-NC_ERR nc_tag(ErrorTag tag) { return kNcTags[static_cast<std::size_t>(tag)]; }
+// libnetconf2 numbers the tags in RFC 6241's order, as the engine does.
+static_assert(NC_ERR_IN_USE == 1 && NC_ERR_MALFORMED_MSG == static_cast<int>(ErrorTag::MalformedMessage) + 1);
+NC_ERR nc_tag(ErrorTag tag) { return static_cast<NC_ERR>(engine::number_of(tag)); }
 
 NC_ERR_TYPE nc_type(ErrorType type) {
     switch (type) {
@@ -560,10 +553,8 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
 }
 
 engine::DefaultOperation default_operation(const lyd_node* rpc) {
-    const std::string_view op = value_of(rpc, "default-operation", "merge");
-    if (op == "replace") return engine::DefaultOperation::Replace;
-    if (op == "none") return engine::DefaultOperation::None;
-    return engine::DefaultOperation::Merge;
+    return engine::default_operation_named(value_of(rpc, "default-operation", "merge"))
+        .value_or(engine::DefaultOperation::Merge);
 }
 
 TestOption test_option(const lyd_node* rpc) {

@@ -28,7 +28,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 #include "daemon_module.hpp"
 #include "framing.hpp"
 #include "service.hpp"

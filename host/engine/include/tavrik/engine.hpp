@@ -72,6 +72,9 @@ enum class ErrorTag {
 // The names as they appear on the wire ("application", "operation-failed").
 std::string_view name_of(ErrorType type);
 std::string_view name_of(ErrorTag tag);
+// The tag's place in RFC 6241's list, from 1 (in-use) to 19
+// (malformed-message): libnetconf2's NC_ERR code of the tag.
+int number_of(ErrorTag tag);
 // The tag of a module refusal: the module's NC_ERR code (fail_nc_err).
 ErrorTag tag_of_module_code(int code);
 
@@ -104,6 +107,9 @@ struct SentLine {
 };
 
 enum class DefaultOperation { Merge, Replace, None };
+// The default operation a word names ("merge", "replace", "none"); nullopt
+// for any other word.
+std::optional<DefaultOperation> default_operation_named(std::string_view word);
 
 enum class ChangeKind { Create, Delete, Modify };
 
@@ -145,10 +151,6 @@ struct EditOptions {
     // would send; nothing is delivered and the running configuration stays.
     bool dry_run = false;
     ChangeCheck check = {};  // optional
-    // The edit is a whole configuration (copy-config, validate): the
-    // configured top-level nodes of every served module that it does not
-    // name are removed.
-    bool complete = false;
 };
 
 struct EditResult {

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <sys/types.h>
 
-namespace tavrik::netconf {
+namespace tavrik {
 
 // Replaces `path` with `content` (file mode `mode`). With `sync`, the data
 // and the directory entry are flushed to disk before returning. Throws
@@ -28,4 +28,4 @@ void sync_directory_of(const std::string& path);
 // Creates `path` and its missing parents (mode 0700).
 void make_directories(const std::string& path);
 
-}  // namespace tavrik::netconf
+}  // namespace tavrik

@@ -1,4 +1,4 @@
-#include "atomic_file.hpp"
+#include "tavrik/atomic_file.hpp"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-namespace tavrik::netconf {
+namespace tavrik {
 namespace {
 
 [[noreturn]] void fail(const std::string& what, const std::string& path) {
@@ -109,4 +109,4 @@ void make_directories(const std::string& path) {
     }
 }
 
-}  // namespace tavrik::netconf
+}  // namespace tavrik

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Writes the reviewed dumps anew after a deliberate change: the module's
 # callback table (tests/module/callback_table.golden: row, priority, exported
-# function, path) and the appliance's documents of its rich test state
+# function, path) and the appliance's documents and saved file of its rich test state
 # (tests/appliance/cases/documents.golden). Review the diff and commit it with
 # the change.
 #   scripts/regen-golden.sh [build-dir]      (default build)

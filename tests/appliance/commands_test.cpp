@@ -53,20 +53,5 @@ TEST_P(Commands, CodeAndChange) {
 
 INSTANTIATE_TEST_SUITE_P(Appliance, Commands, testing::ValuesIn(sections("commands.cases", "commands")));
 
-TEST(ApplianceCommands, ReferencedProfilesAreNotDeleted) {
-    av::Appliance a;
-    run(a, at("system", "profile type av name p1"));
-    const Line remove = at("system", "undo profile type av name p1", "del");
-    EXPECT_FALSE(a.set_references("vs1", "p9", 2));
-    ASSERT_TRUE(a.set_references("vs1", "p1", 2));
-    EXPECT_EQ(a.execute(remove.line, remove.op), av::kInUse);
-    EXPECT_EQ(a.references("vs1", "p1"), 2u);
-    ASSERT_TRUE(a.set_references("vs1", "p1", 0));
-    EXPECT_EQ(a.execute(remove.line, remove.op), av::kAccepted);
-    // A profile made again starts without references.
-    run(a, at("system", "profile type av name p1"));
-    EXPECT_EQ(a.references("vs1", "p1"), 0u);
-}
-
 }  // namespace
 }  // namespace appliance_test

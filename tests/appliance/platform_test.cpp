@@ -1,5 +1,5 @@
-// The appliance as a platform: messages all or nothing, faults, removing
-// vsys. (The round trip injects failed sends and refused lines into edits.)
+// The appliance as a platform: messages all or nothing, faults, references,
+// removing vsys. (The round trip injects failed sends and refused lines into edits.)
 #include <gtest/gtest.h>
 
 #include "support.hpp"
@@ -61,9 +61,17 @@ TEST(AppliancePlatform, DocumentFaults) {
     }
 }
 
-// The appliance standing in for the server's vsys feature.
-TEST(AppliancePlatform, RemovingVsysDropsEverythingOfThem) {
+// A referenced profile stays. Removing vsys (the appliance standing in for
+// the server's vsys feature) drops everything of them, references included.
+TEST(AppliancePlatform, ReferencesAndRemovingVsys) {
     av::Appliance a = rich();
+    const Line remove = at("system", "undo profile type av name \"my av\"", "del");
+    EXPECT_FALSE(a.set_references("vs1", "p9", 2));
+    ASSERT_TRUE(a.set_references("vs1", "my av", 2));
+    EXPECT_EQ(a.execute(remove.line, remove.op), av::kInUse);
+    EXPECT_EQ(a.references("vs1", "my av"), 2u);
+    ASSERT_TRUE(a.set_references("vs1", "my av", 0));
+    EXPECT_EQ(a.execute(remove.line, remove.op), av::kAccepted);
     run(a, at("root", "profile type av name pp"));
     ASSERT_TRUE(a.set_references("vs1", "p1", 3));
     const auto before = a.configuration();

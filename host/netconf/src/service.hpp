@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "tavrik/netconf/datastore.hpp"
+#include "tavrik/netconf/notifications.hpp"
 
 namespace tavrik::netconf::detail {
 
@@ -63,6 +64,8 @@ public:
     // returned for it: every <rpc> passes there, those libnetconf2 answers
     // itself (unparsable ones, <close-session>) included.
     void count(const nc_session* session, int poll_result);
+    // A notification written to session `id`.
+    void count_notification(std::uint32_t id);
 
     std::vector<SessionInfo> sessions() const;
     ServerStatistics statistics() const;
@@ -83,6 +86,7 @@ struct Service {
     SessionRegistry sessions;
     // Makes the server look at its sessions again (one was killed).
     std::function<void()> wake;
+    Notifications& notifications;
 };
 
 // A line in the daemon's log (stderr), when `level` is within the configured

@@ -198,7 +198,8 @@ class Daemon:
         shutil.rmtree(self.dir, ignore_errors=True)
 
 
-class NcclientTest(unittest.TestCase):
+class DaemonTest(unittest.TestCase):
+    """One daemon for the tests of a class."""
     daemon = None
 
     @classmethod
@@ -216,6 +217,8 @@ class NcclientTest(unittest.TestCase):
         finally:
             cls.daemon.remove()
 
+
+class NcclientTest(DaemonTest):
     def setUp(self):
         self.m = self.daemon.connect()
         self.m.edit_config(target="running", config=config(""), default_operation="replace")

@@ -676,6 +676,10 @@ std::optional<std::chrono::system_clock::time_point> time_of(const lyd_node* rpc
     const lyd_node* node = find(rpc, path);
     timespec ts{};
     if (!node || ly_time_str2ts(lyd_get_value(node), &ts) != LY_SUCCESS) return std::nullopt;
+    using Clock = std::chrono::system_clock;
+    // Beyond what the clock can count (the year 2262): as late as it can.
+    if (ts.tv_sec >= std::chrono::duration_cast<std::chrono::seconds>(Clock::duration::max()).count())
+        return Clock::time_point::max();
     return std::chrono::system_clock::time_point(std::chrono::duration_cast<std::chrono::system_clock::duration>(
         std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec)));
 }

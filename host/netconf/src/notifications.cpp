@@ -46,6 +46,7 @@ struct Who {
 
 struct Subscriber {
     SubscriptionRequest request;
+    std::string user;
     std::deque<EventPtr> outbox;
     bool active = false;    // its <rpc-reply> is out
     bool busy = false;      // the sender is writing to the session
@@ -179,7 +180,7 @@ struct Notifications::Impl {
         if (event.control) return true;
         const SubscriptionRequest& request = subscriber.request;
         if (request.selects && !request.selects(event.tree.get())) return false;
-        return !options.may_receive || options.may_receive(request.user, event.tree.get());
+        return !options.may_receive || options.may_receive(subscriber.user, event.tree.get());
     }
 
     NC_MSG_TYPE deliver(const Subscriber& subscriber, const Event& event) const {
@@ -342,6 +343,7 @@ std::optional<RpcError> Notifications::subscribe(SubscriptionRequest request) {
     }
     nc_session_inc_notif_status(request.session);
     const std::uint32_t id = request.session_id;
+    if (const auto it = impl.sessions.find(id); it != impl.sessions.end()) subscriber->user = it->second.user;
     subscriber->request = std::move(request);
     impl.subscribers.emplace(id, std::move(subscriber));
     return std::nullopt;

@@ -702,7 +702,6 @@ nc_server_reply* op_create_subscription(lyd_node* rpc, nc_session* session) {
         }
         request.session = session;
         request.session_id = sid;
-        if (const char* user = nc_session_get_username(session)) request.user = user;
         request.start = time_of(rpc, "startTime");
         request.stop = time_of(rpc, "stopTime");
         if (const auto error = g_service->notifications.subscribe(std::move(request))) return error_reply(*error);

@@ -43,7 +43,6 @@ enum class TerminationReason { Closed, Killed, Dropped, Timeout, BadHello, Other
 struct SubscriptionRequest {
     nc_session* session = nullptr;
     std::uint32_t session_id = 0;
-    std::string user;
     // Whether the filter selects a notification; empty: every one.
     std::function<bool(const lyd_node* notification)> selects;
     std::optional<std::chrono::system_clock::time_point> start;  // replay from here
@@ -71,7 +70,8 @@ public:
     void session_started(std::uint32_t session, const std::string& user, const std::string& host);
     void session_ended(std::uint32_t session, TerminationReason reason, std::uint32_t killed_by);
 
-    // Adds the session's subscription; the error to answer with when the
+    // Adds the session's subscription (for the user the session started
+    // with); the error to answer with when the
     // session has one already or the times are wrong. Nothing is sent to the
     // session before reply_sent() says its <rpc-reply> is out.
     std::optional<RpcError> subscribe(SubscriptionRequest request);

@@ -5,6 +5,8 @@
 """
 
 import datetime
+import os
+import subprocess
 import sys
 import time
 
@@ -103,6 +105,17 @@ class NotificationTest(base.DaemonTest):
         self.assertEqual(self.next_event(late)[0], "notificationComplete")
         # The subscription has ended: the session may subscribe again.
         late.create_subscription()
+
+    def test_the_example_client_prints_changes_as_they_happen(self):
+        script = os.path.join(base.EXAMPLES, "client", "watch-changes.py")
+        watcher = subprocess.Popen([sys.executable, script, "--port", str(self.daemon.port), "--password", "s3cret",
+                                    "--count", "1"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.addCleanup(watcher.kill)
+        self.assertIn("subscribed", watcher.stdout.readline() + watcher.stdout.readline())
+        self.admin.edit_config(target="running", config=base.described("watched"))
+        out = watcher.communicate(timeout=base.SLOW * 30)[0]
+        self.assertIn(f"running changed by admin (session {self.admin.session_id} from 127.0.0.1)", out)
+        self.assertIn("    create   /tk-antivirus:antivirus\n", out)
 
     def test_refused_subscriptions(self):
         m = self.connect()

@@ -83,6 +83,7 @@ class NotificationTest(base.DaemonTest):
         subscriber = self.connect()
         subscriber.create_subscription(filter=notif_filter("<n:netconf-session-end/>"))
         victim = self.daemon.connect()
+        victim.get_config(source="running")  # served: the daemon has registered the session
         self.admin.kill_session(victim.session_id)
         name, event = self.next_event(subscriber)
         self.assertEqual(name, "netconf-session-end")
@@ -119,6 +120,8 @@ class NotificationTest(base.DaemonTest):
 
     def test_refused_subscriptions(self):
         m = self.connect()
+        streams = m.get(filter=("subtree", '<netconf xmlns="urn:ietf:params:xml:ns:netmod:notification"/>')).data_ele
+        self.assertEqual((base.texts(streams, "name"), base.texts(streams, "replaySupport")), (["NETCONF"], ["true"]))
         cases = [
             ("another stream", dict(stream_name="SYSLOG"), "invalid-value"),
             ("an XPath filter naming no module", dict(filter=notif_filter("", ' type="xpath" select="/nosuch:x"')),

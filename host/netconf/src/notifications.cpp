@@ -49,7 +49,6 @@ struct Subscriber {
     std::string user;
     std::deque<EventPtr> outbox;
     bool active = false;    // its <rpc-reply> is out
-    bool busy = false;      // the sender is writing to the session
     bool complete = false;  // notificationComplete is queued: nothing follows
 };
 
@@ -96,6 +95,7 @@ struct Notifications::Impl {
     std::map<std::uint32_t, Who> sessions;
     std::map<std::uint32_t, std::shared_ptr<Subscriber>> subscribers;
     std::uint32_t last_served = 0;  // round robin among subscribers
+    std::uint32_t writing = 0;      // the session the sender writes to, unlocked
     std::function<void(std::uint32_t)> sent;
     bool stopping = false;
     std::thread sender;
@@ -218,7 +218,7 @@ struct Notifications::Impl {
     std::shared_ptr<Subscriber> next_ready() {
         const auto ready = [](const auto& entry) {
             const Subscriber& s = *entry.second;
-            return s.active && !s.busy && !s.outbox.empty();
+            return s.active && !s.outbox.empty();
         };
         auto it = std::find_if(subscribers.upper_bound(last_served), subscribers.end(), ready);
         if (it == subscribers.end()) it = std::find_if(subscribers.begin(), subscribers.end(), ready);
@@ -239,21 +239,29 @@ struct Notifications::Impl {
                     changed.wait(lock);
                 continue;
             }
+            const std::uint32_t id = subscriber->request.session_id;
             const EventPtr event = subscriber->outbox.front();
-            subscriber->busy = true;
+            subscriber->outbox.pop_front();
+            // After its notificationComplete the session may subscribe again
+            // at once: the subscription leaves before that is written.
+            const bool last = subscriber->complete && subscriber->outbox.empty();
+            if (last) subscribers.erase(id);
+            writing = id;
             lock.unlock();
             const NC_MSG_TYPE result = deliver(*subscriber, *event);
-            const std::uint32_t id = subscriber->request.session_id;
             lock.lock();
             if (result == NC_MSG_NOTIF && sent) sent(id);
-            subscriber->busy = false;
-            if (result != NC_MSG_WOULDBLOCK) subscriber->outbox.pop_front();
-            if (subscriber->complete && subscriber->outbox.empty() && subscribers.count(id)) {
+            if (result == NC_MSG_WOULDBLOCK) {
+                subscriber->outbox.push_front(event);
+                if (last) subscribers.emplace(id, subscriber);
+            } else if (last) {
                 nc_session_dec_notif_status(subscriber->request.session);
-                subscribers.erase(id);
             }
+            writing = 0;
             changed.notify_all();
         }
+        lock.unlock();
+        nc_thread_destroy();
     }
 };
 
@@ -306,11 +314,8 @@ void Notifications::session_started(std::uint32_t session, const std::string& us
 void Notifications::session_ended(std::uint32_t session, TerminationReason reason, std::uint32_t killed_by) {
     Impl& impl = *impl_;
     std::unique_lock lock(impl.mutex);
-    if (const auto it = impl.subscribers.find(session); it != impl.subscribers.end()) {
-        const std::shared_ptr<Subscriber> subscriber = it->second;
-        impl.subscribers.erase(it);
-        impl.changed.wait(lock, [&] { return !subscriber->busy; });
-    }
+    impl.changed.wait(lock, [&] { return impl.writing != session; });
+    impl.subscribers.erase(session);
     Tree tree = impl.notification(impl.events, "netconf-session-end");
     impl.session_parameters(tree.get(), session);
     if (reason == TerminationReason::Killed && killed_by) impl.leaf(tree.get(), "killed-by", std::to_string(killed_by));

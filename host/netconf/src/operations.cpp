@@ -545,6 +545,7 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
         if (reaches(kDaemonModule)) append(data, platform_data(reading.platform).release());
         if (reaches("ietf-yang-library")) append(data, library_data(*g_service));
         if (reaches("ietf-netconf-monitoring")) append(data, monitoring_data(*g_service));
+        if (reaches("nc-notifications")) append(data, streams_data(*g_service));
         return filter.reply(rpc, std::move(data));
     });
 }

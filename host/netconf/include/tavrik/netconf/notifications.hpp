@@ -31,7 +31,8 @@ struct NotificationOptions {
     std::size_t log_size = 1000;
     // Whether `user` may receive `notification` (an event of
     // ietf-netconf-notifications, top-level node); asked per subscriber
-    // before each event is sent, replayed ones included. Empty: everyone
+    // before each event is sent, replayed ones included, on the component's
+    // sending thread (while other threads serve requests). Empty: everyone
     // receives everything.
     std::function<bool(const std::string& user, const lyd_node* notification)> may_receive;
 };

@@ -52,6 +52,8 @@ int main(int argc, char* argv[]) {
         // One schema context for the sessions, the running configuration and
         // the edits; it outlives both.
         const std::unique_ptr<ly_ctx, void (*)(ly_ctx*)> context(build_context(options), ly_ctx_destroy);
+        // Outlives the datastore it listens to and the server.
+        Notifications notifications(context.get());
         DatastoreOptions store;
         store.module_path = options.module_path;
         store.yang_dir = options.yang_dir;
@@ -60,9 +62,10 @@ int main(int argc, char* argv[]) {
         store.context = context.get();
         store.data_modules = data_modules();
         store.boot_from_startup = options.boot_from_startup;
+        store.listener = &notifications;
         store.log = [](const std::string& text) { detail::log_line(NC_VERB_WARNING, 0, text); };
         Datastore datastore(store);
-        Server server(options, datastore);
+        Server server(options, datastore, notifications);
         g_server = &server;
         struct sigaction action {};
         action.sa_handler = on_signal;

@@ -117,6 +117,17 @@ lyd_node* monitoring_data(const Service& service) {
     return out.release();
 }
 
+lyd_node* streams_data(const Service& service) {
+    Builder out(service.context);
+    const std::string stream = "/nc-notifications:netconf/streams/stream[name='NETCONF']";
+    out.set(stream + "/description", "the RFC 6470 events of the daemon: configuration changes, sessions, "
+                                     "confirmed commits");
+    out.set(stream + "/replaySupport", "true");
+    out.set(stream + "/replayLogCreationTime",
+            date_and_time(std::chrono::system_clock::to_time_t(service.notifications.log_created())));
+    return out.release();
+}
+
 lyd_node* library_data(const Service& service) {
     ly_ctx* ctx = service.context;
     lyd_node* library = nullptr;

@@ -13,6 +13,10 @@ struct Service;
 // locks, schemas, sessions and statistics. Caller frees (lyd_free_siblings).
 lyd_node* monitoring_data(const Service& service);
 
+// /nc-notifications:netconf/streams (RFC 5277): the NETCONF stream and its
+// replay log. Caller frees.
+lyd_node* streams_data(const Service& service);
+
 // ietf-yang-library as libyang reports it, with the datastore list RFC 8525
 // asks for: every datastore served, with the one schema they all have.
 // Caller frees.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <stdexcept>
@@ -362,6 +363,23 @@ public:
             return true;
         }
     }
+    // Whether the filter selects (a part of) a notification, for as long as
+    // a subscription lasts: a subtree filter is copied. Empty: no filter.
+    // Throws XPathError for an expression libyang cannot evaluate.
+    std::function<bool(const lyd_node*)> selector(const lyd_node* probe) const {
+        std::function<bool(const lyd_node*)> selects;
+        if (kind_ == Kind::Subtree) {
+            lyd_node* copy = nullptr;
+            if (tree_ && lyd_dup_siblings(tree_, nullptr, LYD_DUP_RECURSIVE, &copy) != LY_SUCCESS)
+                throw std::runtime_error("cannot copy the filter");
+            std::shared_ptr<lyd_node> filter(copy, lyd_free_siblings);
+            selects = [filter](const lyd_node* n) { return Tree(apply_subtree_filter(n, filter.get())) != nullptr; };
+        } else if (kind_ == Kind::XPath) {
+            selects = [select = select_](const lyd_node* n) { return Tree(apply_xpath_filter(n, select)) != nullptr; };
+        }
+        if (selects) selects(probe);  // an expression that cannot be evaluated fails here, not later
+        return selects;
+    }
     // The rpc-reply with what the filter selects of what `caller` may read
     // of `data`.
     nc_server_reply* reply(const lyd_node* rpc, Tree data, const Caller& caller) const {
@@ -548,6 +566,7 @@ nc_server_reply* op_get(lyd_node* rpc, nc_session* session) {
             g_service->nacm.report_counters(ctx, tree);
             data.reset(tree);
         }
+        if (reaches("nc-notifications")) append(data, streams_data(*g_service));
         return filter.reply(rpc, std::move(data), caller);
     });
 }
@@ -674,6 +693,44 @@ nc_server_reply* op_kill_session(lyd_node* rpc, nc_session* session) {
     });
 }
 
+// A yang:date-and-time parameter of `rpc`; nullopt when absent.
+std::optional<std::chrono::system_clock::time_point> time_of(const lyd_node* rpc, const char* path) {
+    const lyd_node* node = find(rpc, path);
+    timespec ts{};
+    if (!node || ly_time_str2ts(lyd_get_value(node), &ts) != LY_SUCCESS) return std::nullopt;
+    using Clock = std::chrono::system_clock;
+    // Beyond what the clock can count (the year 2262): as late as it can.
+    if (ts.tv_sec >= std::chrono::duration_cast<std::chrono::seconds>(Clock::duration::max()).count())
+        return Clock::time_point::max();
+    return std::chrono::system_clock::time_point(std::chrono::duration_cast<std::chrono::system_clock::duration>(
+        std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec)));
+}
+
+// <create-subscription> (RFC 5277) on the NETCONF stream.
+nc_server_reply* op_create_subscription(lyd_node* rpc, nc_session* session) {
+    return guarded(rpc, session, [session](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+        const std::string_view stream = value_of(rpc, "stream", "NETCONF");
+        if (stream != "NETCONF")
+            return error_reply(RpcError(ErrorType::Application, ErrorTag::InvalidValue,
+                                        "tkav-netconfd has one event stream, NETCONF, not " + std::string(stream),
+                                        "/notifications:create-subscription/stream", "stream"));
+        Filter filter;
+        if (nc_server_reply* error = filter.read(rpc)) return error;
+        SubscriptionRequest request;
+        try {
+            request.selects = filter.selector(rpc);
+        } catch (const XPathError& e) {
+            return failure(ErrorTag::InvalidValue, std::string("the filter cannot be evaluated: ") + e.what());
+        }
+        request.session = session;
+        request.session_id = sid;
+        request.start = time_of(rpc, "startTime");
+        request.stop = time_of(rpc, "stopTime");
+        if (const auto error = g_service->notifications.subscribe(std::move(request))) return error_reply(*error);
+        return nc_server_reply_ok();
+    });
+}
+
 // <get-schema>: the module or submodule text, as YANG or YIN.
 nc_server_reply* op_get_schema(lyd_node* rpc, nc_session* session) {
     return guarded(rpc, session, [](lyd_node* rpc, std::uint32_t) -> nc_server_reply* {
@@ -762,6 +819,7 @@ constexpr Handler kHandlers[] = {
     {"/ietf-netconf:unlock", op_unlock},
     {"/ietf-netconf:kill-session", op_kill_session},
     {"/ietf-netconf-monitoring:get-schema", op_get_schema},
+    {"/notifications:create-subscription", op_create_subscription},
 };
 
 }  // namespace

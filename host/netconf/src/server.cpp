@@ -77,6 +77,9 @@ void withhold_features(ly_ctx* ctx) {
     }
 }
 
+// Where libyuma-base keeps the RFC 5277 modules, beside the IETF directory.
+constexpr const char* kNotificationModuleDirs[] = {"ietf-derived", "netconfcentral"};
+
 }  // namespace
 
 std::vector<std::string> data_modules() { return {"ietf-netconf-acm"}; }
@@ -85,6 +88,10 @@ ly_ctx* build_context(const Options& options) {
     ly_ctx* ctx = nullptr;
     if (ly_ctx_new(options.ietf_yang_dir.c_str(), LY_CTX_DISABLE_SEARCHDIR_CWD, &ctx) != LY_SUCCESS)
         throw ServerError("cannot create the schema context with " + options.ietf_yang_dir);
+    // The RFC 5277 modules (notifications, nc-notifications) and what they
+    // import lie beside the IETF ones in Debian's libyuma-base.
+    for (const char* sibling : kNotificationModuleDirs)
+        ly_ctx_set_searchdir(ctx, (options.ietf_yang_dir + "/../" + sibling).c_str());
     const auto load = [&](const char* name, const char** features) {
         if (!ly_ctx_load_module(ctx, name, nullptr, features)) {
             const std::string detail = ly_errmsg(ctx) ? ly_errmsg(ctx) : "not found";
@@ -102,6 +109,12 @@ ly_ctx* build_context(const Options& options) {
     load("ietf-netconf-monitoring", nullptr);
     load("ietf-netconf-with-defaults", nullptr);
     for (const std::string& name : data_modules()) load(name.c_str(), nullptr);
+    // libyang warns that a "when" of ietf-netconf-notifications names a node
+    // it does not find; the daemon fills those leaves itself and never
+    // validates its events against it.
+    const LY_LOG_LEVEL level = ly_log_level(LY_LLERR);
+    for (const char* name : {"notifications", "nc-notifications", "ietf-netconf-notifications"}) load(name, nullptr);
+    ly_log_level(level);
     if (lys_parse_mem(ctx, kDaemonModuleText, LYS_IN_YANG, nullptr) != LY_SUCCESS) {
         ly_ctx_destroy(ctx);
         throw ServerError("cannot load the daemon's YANG module");
@@ -219,6 +232,23 @@ std::string account_name(uid_t uid) {
 
 // ---- sessions ---------------------------------------------------------------
 
+TerminationReason termination_reason(const nc_session* session) {
+    switch (nc_session_get_term_reason(session)) {
+    case NC_SESSION_TERM_CLOSED:
+        return TerminationReason::Closed;
+    case NC_SESSION_TERM_KILLED:
+        return TerminationReason::Killed;
+    case NC_SESSION_TERM_DROPPED:
+        return TerminationReason::Dropped;
+    case NC_SESSION_TERM_TIMEOUT:
+        return TerminationReason::Timeout;
+    case NC_SESSION_TERM_BADHELLO:
+        return TerminationReason::BadHello;
+    default:
+        return TerminationReason::Other;
+    }
+}
+
 // A set of sessions polled together. A session leaves the set, the registry
 // and the lock when it ends.
 class SessionSet {
@@ -230,8 +260,12 @@ public:
         clear();
         nc_ps_free(ps_);
     }
-    // Frees every session.
-    void clear() { nc_ps_clear(ps_, 1, nullptr); }
+    // Frees every session (their subscriptions end first).
+    void clear() {
+        for (int i = nc_ps_session_count(ps_) - 1; i >= 0; --i)
+            service_.notifications.session_ended(nc_session_get_id(nc_ps_get_session(ps_, i)), TerminationReason::Other, 0);
+        nc_ps_clear(ps_, 1, nullptr);
+    }
     SessionSet(const SessionSet&) = delete;
     SessionSet& operator=(const SessionSet&) = delete;
 
@@ -248,7 +282,11 @@ public:
             if (const char* name = nc_session_get_username(session)) user = name;
         }
         service_.sessions.add(session, transport, user);
-        if (nc_ps_add_session(ps_, session) == 0) return true;
+        if (nc_ps_add_session(ps_, session) == 0) {
+            const char* host = nc_session_get_host(session);
+            service_.notifications.session_started(nc_session_get_id(session), user, host ? host : "");
+            return true;
+        }
         service_.sessions.remove(session);
         nc_session_free(session, nullptr);
         return false;
@@ -267,11 +305,15 @@ public:
             admit(nc_ps_accept_ssh_channel(ps_, &channel), channel, detail::Transport::Ssh);
         }
         if (session) service_.sessions.count(session, result);
+        // A <create-subscription> is answered: its notifications may follow.
+        if (session && (result & NC_PSPOLL_RPC)) service_.notifications.reply_sent(nc_session_get_id(session));
         service_.datastore.release_memory();
         if ((result & NC_PSPOLL_SESSION_TERM) && session) {
             std::lock_guard lock(end_mutex_);
             service_.sessions.remove(session);
             service_.datastore.session_ended(nc_session_get_id(session));
+            service_.notifications.session_ended(nc_session_get_id(session), termination_reason(session),
+                                                 nc_session_get_killed_by(session));
             nc_ps_del_session(ps_, session);
             ended = session;
         }
@@ -490,10 +532,13 @@ struct Server::Impl {
     std::unique_ptr<SessionSet> ssh_sessions;
     std::unique_ptr<UnixListener> unix_listener;
 
-    Impl(const Options& opts, Datastore& datastore)
-        : options(opts), host_key(opts.host_key_path()), service{datastore, datastore.context(), {}, {}, detail::Nacm(opts.superusers)} {}
+    Impl(const Options& opts, Datastore& datastore, Notifications& notifications)
+        : options(opts),
+          host_key(opts.host_key_path()),
+          service{datastore, datastore.context(), {}, {}, detail::Nacm(opts.superusers), notifications} {}
 
     ~Impl() {
+        service.notifications.on_sent(nullptr);
         unix_listener.reset();
         descriptors.reset();
         ssh_sessions.reset();
@@ -554,7 +599,8 @@ struct Server::Impl {
     }
 };
 
-Server::Server(const Options& options, Datastore& datastore) : impl_(std::make_unique<Impl>(options, datastore)) {
+Server::Server(const Options& options, Datastore& datastore, Notifications& notifications)
+    : impl_(std::make_unique<Impl>(options, datastore, notifications)) {
     g_verbosity = options.verbosity;
     nc_set_print_clb_session(print_log);
     nc_verbosity(static_cast<NC_VERB_LEVEL>(std::min(options.verbosity, 3)));
@@ -569,6 +615,9 @@ Server::Server(const Options& options, Datastore& datastore) : impl_(std::make_u
         announce_module(impl.service.context, datastore.model_name().c_str());
         announce_module(impl.service.context, detail::kDaemonModule);
         nc_server_set_capab_withdefaults(NC_WD_EXPLICIT, NC_WD_ALL | NC_WD_ALL_TAG | NC_WD_TRIM);
+        nc_server_set_capability("urn:ietf:params:netconf:capability:notification:1.0");
+        nc_server_set_capability("urn:ietf:params:netconf:capability:interleave:1.0");
+        notifications.on_sent([this](std::uint32_t id) { impl_->service.sessions.count_notification(id); });
         // A client that does not say hello in time gives up its connection.
         nc_server_set_hello_timeout(60);
         impl.descriptors = std::make_unique<DescriptorSessions>(impl.service);

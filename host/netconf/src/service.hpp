@@ -15,6 +15,7 @@
 
 #include "nacm.hpp"
 #include "tavrik/netconf/datastore.hpp"
+#include "tavrik/netconf/notifications.hpp"
 
 namespace tavrik::netconf::detail {
 
@@ -64,6 +65,8 @@ public:
     // returned for it: every <rpc> passes there, those libnetconf2 answers
     // itself (unparsable ones, <close-session>) included.
     void count(const nc_session* session, int poll_result);
+    // A notification written to session `id`.
+    void count_notification(std::uint32_t id);
 
     std::vector<SessionInfo> sessions() const;
     ServerStatistics statistics() const;
@@ -85,6 +88,7 @@ struct Service {
     // Makes the server look at its sessions again (one was killed).
     std::function<void()> wake;
     Nacm nacm;
+    Notifications& notifications;
 };
 
 // A line in the daemon's log (stderr), when `level` is within the configured

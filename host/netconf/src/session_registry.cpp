@@ -48,6 +48,12 @@ void SessionRegistry::count(const nc_session* session, int poll_result) {
     if (const auto it = sessions_.find(nc_session_get_id(session)); it != sessions_.end()) add(it->second.info.counters);
 }
 
+void SessionRegistry::count_notification(std::uint32_t id) {
+    std::lock_guard lock(mutex_);
+    ++statistics_.counters.out_notifications;
+    if (const auto it = sessions_.find(id); it != sessions_.end()) ++it->second.info.counters.out_notifications;
+}
+
 std::vector<SessionInfo> SessionRegistry::sessions() const {
     std::lock_guard lock(mutex_);
     std::vector<SessionInfo> out;

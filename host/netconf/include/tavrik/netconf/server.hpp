@@ -14,6 +14,7 @@
 #include <stdexcept>
 
 #include "tavrik/netconf/datastore.hpp"
+#include "tavrik/netconf/notifications.hpp"
 #include "tavrik/netconf/options.hpp"
 
 namespace tavrik::netconf {
@@ -27,8 +28,8 @@ public:
 // as plain data, without module calls: NACM's (ietf-netconf-acm).
 std::vector<std::string> data_modules();
 
-// The schema context of the server: the IETF NETCONF modules, the data
-// modules and the daemon's own module; the datastore's engine adds the data
+// The schema context of the server: the IETF NETCONF modules (notifications
+// included), the data modules and the daemon's own module; the datastore's engine adds the data
 // model. The caller destroys it (ly_ctx_destroy) after the datastore and
 // the server. Throws ServerError.
 ly_ctx* build_context(const Options& options);
@@ -38,8 +39,10 @@ public:
     // Serves the datastore's schema context (built with build_context()):
     // initialises libnetconf2 and opens the endpoints of `options`
     // (generating the SSH host key when it does not exist). Throws
-    // ServerError with a message for the operator when that fails.
-    Server(const Options& options, Datastore& datastore);
+    // ServerError with a message for the operator when that fails. The
+    // sessions' subscriptions and events go to `notifications` (the
+    // datastore's listener), which outlives the server.
+    Server(const Options& options, Datastore& datastore, Notifications& notifications);
     ~Server();
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;

@@ -16,6 +16,7 @@ from ncclient_test import (DaemonTestCase, FULL_PROFILE, NACM_NS, NC_NS, NS, REA
                            rule, texts)
 
 AV = "tavrik-antivirus:"
+EVENTS_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-notifications"
 PROFILES = f'<path xmlns:av="{NS}">/av:antivirus/av:vsys/av:profiles/av:profile'
 # Rule-lists for group operators, to go before READ_ONLY's (the first matching rule decides).
 HIDE_WHITELISTS = ("<rule-list><name>hide</name><group>operators</group>"
@@ -94,6 +95,21 @@ class NacmTest(DaemonTestCase):
         self.assertEqual(texts(oper, "description"), ["office traffic", "second"])
         self.assertEqual(texts(self.oper.get().data_ele, "match-rule"), [])
         self.assertTrue(texts(self.m.get().data_ele, "match-rule"))
+
+    def test_a_subscriber_gets_only_the_changes_it_may_read(self):
+        self.write_nacm(before_read_only(HIDE_WHITELISTS))
+        self.oper.create_subscription()
+        whitelist = profile("<name>p1</name><whitelists><destination-address>203.0.113.9</destination-address>"
+                            "</whitelists>")
+        self.m.edit_config(target="running", config=whitelist)
+        self.m.edit_config(target="running", config=described("seen"))
+        changes = []
+        while not changes:
+            n = self.oper.take_notification(timeout=5)
+            self.assertIsNotNone(n, "no netconf-config-change within 5 s")
+            changes = [texts(e, "target") for e in n.notification_ele.iter(f"{{{EVENTS_NS}}}netconf-config-change")]
+        self.assertEqual(len(changes[0]), 1)
+        self.assertTrue(changes[0][0].endswith("description"), changes)
 
     def test_a_rule_list_lets_exactly_the_description_of_p1_be_updated(self):
         self.write_nacm(before_read_only(DESCRIBE_P1))

@@ -50,6 +50,8 @@ class NotificationTest(base.DaemonTestCase):
         return base.texts(event, name)
 
     def test_config_change_reaches_a_subscriber_within_a_second(self):
+        self.m = self.admin
+        self.write_nacm("<write-default>permit</write-default>")  # bob is no superuser
         subscriber = self.connect()
         subscriber.create_subscription(filter=notif_filter("", ' type="xpath" select="/n:netconf-config-change"'))
         bob = self.connect(username="bob", password="b0b-pw")  # its session-start is filtered out

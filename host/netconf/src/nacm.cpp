@@ -338,8 +338,10 @@ engine::ChangeCheck Nacm::write_check(NacmPolicy policy) {
     };
 }
 
-bool Nacm::may_receive(const std::string& user, const lyd_node* notification) const {
-    if (policy(user).may_receive(notification)) return true;
+bool Nacm::may_receive(Datastore& datastore, const std::string& user, bool recovery, const lyd_node* notification) {
+    if (bypasses(user, recovery)) return true;
+    refresh(datastore, LYD_CTX(notification));
+    if (policy(user, recovery).may_receive(notification)) return true;
     ++denied_notifications_;
     return false;
 }

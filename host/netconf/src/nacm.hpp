@@ -97,9 +97,10 @@ public:
     // The write check of an edit's changes for `policy` (denials counted).
     engine::ChangeCheck write_check(NacmPolicy policy);
     // Whether `user` gets `notification`: the notification rules, and read
-    // access to every instance-identifier in it. A refusal is counted as a
-    // denied notification.
-    bool may_receive(const std::string& user, const lyd_node* notification) const;
+    // access to every instance-identifier in it, on the rules of the running
+    // configuration (refreshed: must not be called with the datastore's
+    // mutex held). A refusal is counted as a denied notification.
+    bool may_receive(Datastore& datastore, const std::string& user, bool recovery, const lyd_node* notification);
 
     // denied-operations, denied-data-writes and denied-notifications added
     // to the /nacm container of `tree` (made when missing).

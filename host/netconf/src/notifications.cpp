@@ -46,7 +46,6 @@ struct Who {
 
 struct Subscriber {
     SubscriptionRequest request;
-    std::string user;
     std::deque<EventPtr> outbox;
     bool active = false;    // its <rpc-reply> is out
     bool complete = false;  // notificationComplete is queued: nothing follows
@@ -180,7 +179,7 @@ struct Notifications::Impl {
         if (event.control) return true;
         const SubscriptionRequest& request = subscriber.request;
         if (request.selects && !request.selects(event.tree.get())) return false;
-        return !options.may_receive || options.may_receive(subscriber.user, event.tree.get());
+        return !request.may_receive || request.may_receive(event.tree.get());
     }
 
     NC_MSG_TYPE deliver(const Subscriber& subscriber, const Event& event) const {
@@ -348,7 +347,6 @@ std::optional<RpcError> Notifications::subscribe(SubscriptionRequest request) {
     }
     nc_session_inc_notif_status(request.session);
     const std::uint32_t id = request.session_id;
-    if (const auto it = impl.sessions.find(id); it != impl.sessions.end()) subscriber->user = it->second.user;
     subscriber->request = std::move(request);
     impl.subscribers.emplace(id, std::move(subscriber));
     return std::nullopt;

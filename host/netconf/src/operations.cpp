@@ -273,6 +273,8 @@ nc_server_reply* data_reply(const lyd_node* rpc, Tree data, NC_WD_MODE wd = NC_W
 // Sessions other than SSH ones are local and bypass access control.
 struct Caller {
     std::uint32_t session;
+    std::string user;
+    bool local;
     NacmPolicy policy;
 };
 
@@ -287,7 +289,7 @@ nc_server_reply* guarded(lyd_node* rpc, nc_session* session, Operation operation
         const std::string user = nc_session_get_username(session) ? nc_session_get_username(session) : "";
         const bool local = nc_session_get_ti(session) != NC_TI_LIBSSH;
         if (!nacm.bypasses(user, local)) nacm.refresh(g_service->datastore, g_service->context);
-        const Caller caller{nc_session_get_id(session), nacm.policy(user, local)};
+        const Caller caller{nc_session_get_id(session), user, local, nacm.policy(user, local)};
         if (auto denied = nacm.check_exec(caller.policy, rpc)) return error_reply(*denied);
         if constexpr (std::is_invocable_v<Operation, lyd_node*, const Caller&>)
             return operation(rpc, caller);
@@ -708,7 +710,7 @@ std::optional<std::chrono::system_clock::time_point> time_of(const lyd_node* rpc
 
 // <create-subscription> (RFC 5277) on the NETCONF stream.
 nc_server_reply* op_create_subscription(lyd_node* rpc, nc_session* session) {
-    return guarded(rpc, session, [session](lyd_node* rpc, std::uint32_t sid) -> nc_server_reply* {
+    return guarded(rpc, session, [session](lyd_node* rpc, const Caller& caller) -> nc_server_reply* {
         const std::string_view stream = value_of(rpc, "stream", "NETCONF");
         if (stream != "NETCONF")
             return error_reply(RpcError(ErrorType::Application, ErrorTag::InvalidValue,
@@ -722,8 +724,11 @@ nc_server_reply* op_create_subscription(lyd_node* rpc, nc_session* session) {
         } catch (const XPathError& e) {
             return failure(ErrorTag::InvalidValue, std::string("the filter cannot be evaluated: ") + e.what());
         }
+        request.may_receive = [user = caller.user, local = caller.local](const lyd_node* event) {
+            return g_service->nacm.may_receive(g_service->datastore, user, local, event);
+        };
         request.session = session;
-        request.session_id = sid;
+        request.session_id = caller.session;
         request.start = time_of(rpc, "startTime");
         request.stop = time_of(rpc, "stopTime");
         if (const auto error = g_service->notifications.subscribe(std::move(request))) return error_reply(*error);

@@ -29,12 +29,6 @@ namespace tavrik::netconf {
 struct NotificationOptions {
     // How many events the replay log keeps (the oldest go first).
     std::size_t log_size = 1000;
-    // Whether `user` may receive `notification` (an event of
-    // ietf-netconf-notifications, top-level node); asked per subscriber
-    // before each event is sent, replayed ones included, on the component's
-    // sending thread (while other threads serve requests). Empty: everyone
-    // receives everything.
-    std::function<bool(const std::string& user, const lyd_node* notification)> may_receive;
 };
 
 // Why a session ended, as netconf-session-end reports it.
@@ -46,6 +40,11 @@ struct SubscriptionRequest {
     std::uint32_t session_id = 0;
     // Whether the filter selects a notification; empty: every one.
     std::function<bool(const lyd_node* notification)> selects;
+    // Whether the subscriber may read a notification (access control);
+    // asked before each event is sent, replayed ones included, on the
+    // component's sending thread while other threads serve requests. Empty:
+    // it receives everything.
+    std::function<bool(const lyd_node* notification)> may_receive;
     std::optional<std::chrono::system_clock::time_point> start;  // replay from here
     std::optional<std::chrono::system_clock::time_point> stop;   // end the subscription here
 };

@@ -37,6 +37,21 @@ def connect(args):
     return m
 
 
+def run(doc, session, *options):
+    """A client's main: parses the command line (the connection options and `options`, each a pair of the
+    option's names and argparse's keywords), connects and returns session(m, args), the exit status; 1
+    when there is no session."""
+    parser = argument_parser(doc)
+    for names, keywords in options:
+        parser.add_argument(*names, **keywords)
+    args = parser.parse_args()
+    m = connect(args)
+    if m is None:
+        return 1
+    with m:
+        return session(m, args)
+
+
 def profile_filter(vsys, profile):
     """A subtree filter selecting one profile."""
     return ("subtree", f'<antivirus xmlns="{NS}"><vsys><name>{vsys}</name><profiles><profile>'

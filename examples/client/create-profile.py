@@ -13,7 +13,7 @@ import sys
 from ncclient.operations.rpc import RPCError
 from ncclient.xml_ import to_xml
 
-from common import DAEMON_NS, NC_NS, NS, argument_parser, connect, profile_filter
+from common import DAEMON_NS, NC_NS, NS, profile_filter, run
 
 
 def profile_config(vsys, name):
@@ -59,37 +59,29 @@ def received_lines(m):
     return int(child_text(appliance, "lines-received") or 0), lines
 
 
-def main():
-    parser = argument_parser(__doc__)
-    parser.add_argument("--profile", default="p1")
-    args = parser.parse_args()
-
-    m = connect(args)
-    if m is None:
+def create(m, args):
+    before, _ = received_lines(m)
+    try:
+        m.edit_config(target="running", config=profile_config(args.vsys, args.profile))
+    except RPCError as e:
+        print(f"the edit was refused: {e.tag}: {e.message} ({e.path})", file=sys.stderr)
         return 1
-    with m:
-        before, _ = received_lines(m)
-        try:
-            m.edit_config(target="running", config=profile_config(args.vsys, args.profile))
-        except RPCError as e:
-            print(f"the edit was refused: {e.tag}: {e.message} ({e.path})", file=sys.stderr)
-            return 1
-        print(f"profile {args.profile} in vsys {args.vsys} created\n")
+    print(f"profile {args.profile} in vsys {args.vsys} created\n")
 
-        after, lines = received_lines(m)
-        print(f"the appliance received {after - before} line(s):")
-        for line in lines:
-            if int(line["sequence"]) <= before:
-                continue
-            view = line["view"] + (f" ({line['view-template']})" if line["view-template"] else "")
-            print(f"  vsys {line['vsys']:<8} {view:<32} {line['command-op']:<6} {line['line']}")
+    after, lines = received_lines(m)
+    print(f"the appliance received {after - before} line(s):")
+    for line in lines:
+        if int(line["sequence"]) <= before:
+            continue
+        view = line["view"] + (f" ({line['view-template']})" if line["view-template"] else "")
+        print(f"  vsys {line['vsys']:<8} {view:<32} {line['command-op']:<6} {line['line']}")
 
-        config = m.get_config(source="running", filter=profile_filter(args.vsys, args.profile))
-        print("\nthe running configuration now holds:")
-        for element in config.data_ele:
-            print(to_xml(element, pretty_print=True).rstrip())
+    config = m.get_config(source="running", filter=profile_filter(args.vsys, args.profile))
+    print("\nthe running configuration now holds:")
+    for element in config.data_ele:
+        print(to_xml(element, pretty_print=True).rstrip())
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run(__doc__, create, (["--profile"], {"default": "p1"})))

@@ -17,7 +17,7 @@ import time
 
 from ncclient.operations.rpc import RPCError
 
-from common import NC_NS, NS, argument_parser, connect, profile_filter
+from common import NC_NS, NS, profile_filter, run
 
 
 def description_config(vsys, profile, text):
@@ -38,46 +38,38 @@ def show(m, args):
     print(f"   candidate: {description(m, 'candidate', args)}", flush=True)
 
 
-def main():
-    parser = argument_parser(__doc__)
-    parser.add_argument("--profile", default="staged")
-    parser.add_argument("--confirm-timeout", type=int, default=5, help="seconds given to confirm (default 5)")
-    args = parser.parse_args()
-
-    m = connect(args)
-    if m is None:
-        return 1
-    with m:
-        try:
-            print(f"\n1. staging a change of profile {args.profile} in the candidate")
-            m.edit_config(target="candidate", config=description_config(args.vsys, args.profile, "confirmed change"))
-            show(m, args)
-            m.validate(source="candidate")
-            print("   the candidate is valid (the model and the module accept it)")
-            m.commit(confirmed=True, timeout=str(args.confirm_timeout))
-            print(f"   committed; it stays only if confirmed within {args.confirm_timeout} s")
-            show(m, args)
-            m.commit()
-            print("   confirmed")
-
-            print("\n2. a change that is committed but never confirmed")
-            m.edit_config(target="candidate", config=description_config(args.vsys, args.profile, "unconfirmed change"))
-            m.commit(confirmed=True, timeout=str(args.confirm_timeout))
-            show(m, args)
-        except RPCError as e:
-            print(f"refused: {e.tag}: {e.message} ({e.path})", file=sys.stderr)
-            return 1
-        print(f"   waiting for the {args.confirm_timeout} s to pass", flush=True)
-        deadline = time.time() + args.confirm_timeout + 30
-        while description(m, "running", args) != "confirmed change":
-            if time.time() > deadline:
-                print("the configuration was not restored", file=sys.stderr)
-                return 1
-            time.sleep(0.5)
-        print("   the daemon restored the configuration of before the unconfirmed commit:")
+def stage(m, args):
+    try:
+        print(f"\n1. staging a change of profile {args.profile} in the candidate")
+        m.edit_config(target="candidate", config=description_config(args.vsys, args.profile, "confirmed change"))
         show(m, args)
+        m.validate(source="candidate")
+        print("   the candidate is valid (the model and the module accept it)")
+        m.commit(confirmed=True, timeout=str(args.confirm_timeout))
+        print(f"   committed; it stays only if confirmed within {args.confirm_timeout} s")
+        show(m, args)
+        m.commit()
+        print("   confirmed")
+
+        print("\n2. a change that is committed but never confirmed")
+        m.edit_config(target="candidate", config=description_config(args.vsys, args.profile, "unconfirmed change"))
+        m.commit(confirmed=True, timeout=str(args.confirm_timeout))
+        show(m, args)
+    except RPCError as e:
+        print(f"refused: {e.tag}: {e.message} ({e.path})", file=sys.stderr)
+        return 1
+    print(f"   waiting for the {args.confirm_timeout} s to pass", flush=True)
+    deadline = time.time() + args.confirm_timeout + 30
+    while description(m, "running", args) != "confirmed change":
+        if time.time() > deadline:
+            print("the configuration was not restored", file=sys.stderr)
+            return 1
+        time.sleep(0.5)
+    print("   the daemon restored the configuration of before the unconfirmed commit:")
+    show(m, args)
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run(__doc__, stage, (["--profile"], {"default": "staged"}),
+                 (["--confirm-timeout"], {"type": int, "default": 5, "help": "seconds given to confirm (default 5)"})))

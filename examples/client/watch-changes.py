@@ -14,7 +14,7 @@ import sys
 
 from lxml import etree
 
-from common import argument_parser, connect
+from common import run
 
 NOTIF_NS = "urn:ietf:params:xml:ns:netconf:notification:1.0"
 EVENTS_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-notifications"
@@ -49,31 +49,25 @@ def describe(notification):
     return "\n".join(lines)
 
 
-def main():
-    parser = argument_parser(__doc__)
-    parser.add_argument("--since", help="replay the changes since this date-and-time first")
-    parser.add_argument("--count", type=int, default=0, help="stop after this many changes (0: never)")
-    args = parser.parse_args()
-    m = connect(args)
-    if m is None:
-        return 1
-    with m:
-        m.create_subscription(filter=etree.fromstring(CHANGES), start_time=args.since)
-        print("subscribed; waiting for changes", flush=True)
-        seen = 0
-        while not args.count or seen < args.count:
-            notification = m.take_notification(timeout=60)
-            if notification is None:
-                continue
-            line = describe(notification.notification_ele)
-            if line:  # replayComplete says the replay is over
-                print(line, flush=True)
-                seen += 1
+def watch(m, args):
+    m.create_subscription(filter=etree.fromstring(CHANGES), start_time=args.since)
+    print("subscribed; waiting for changes", flush=True)
+    seen = 0
+    while not args.count or seen < args.count:
+        notification = m.take_notification(timeout=60)
+        if notification is None:
+            continue
+        line = describe(notification.notification_ele)
+        if line:  # replayComplete says the replay is over
+            print(line, flush=True)
+            seen += 1
     return 0
 
 
 if __name__ == "__main__":
     try:
-        sys.exit(main())
+        sys.exit(run(__doc__, watch,
+                     (["--since"], {"help": "replay the changes since this date-and-time first"}),
+                     (["--count"], {"type": int, "default": 0, "help": "stop after this many changes (0: never)"})))
     except KeyboardInterrupt:
         sys.exit(0)

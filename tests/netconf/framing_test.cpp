@@ -44,7 +44,6 @@ TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
     const std::vector<Case> cases = {
         {"chunked messages", true, chunked + " \r\n" + chunked, chunked + " \r\n" + chunked, ""},
         {"a message cut short waits", true, "\n#5\n<a/>", "", ""},
-        {"end of chunks missing", true, "\n#5\n<a/>x", "", ""},
         {"end-of-message framing", false, "<rpc/>]]>]]><rpc/>]]", "<rpc/>]]>]]>", ""},
         {"non-numeric size", true, "\n#abc\n", "", "invalid chunk size"},
         {"size with a leading zero", true, "\n#05\n", "", "invalid chunk size"},
@@ -54,7 +53,6 @@ TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
         {"end of chunks first", true, "\n##\n", "", "end of chunks before any chunk"},
         {"chunk longer than its size", true, "\n#2\nabc\n##\n", "", "a chunk is longer than its size"},
         {"bytes between messages", true, chunked + "x\n#1\na\n##\n", chunked, "bytes outside a chunk"},
-        {"hash without a line feed", true, " #1\na\n##\n", "", "bytes outside a chunk"},
         {"end marker broken", true, "\n#1\na\n##x", "", "invalid end of chunks"},
         {"message above the limit", true, "\n#999\n", "", "a message is larger than 1000 bytes"},
         {"end-of-message message above the limit", false, std::string(1001, 'x'), "",
@@ -68,22 +66,6 @@ TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
             EXPECT_EQ(out.error, c.error);
         }
     }
-}
-
-TEST(FrameReaderTest, HoldsWhatFollowsTheHelloUntilTheFramingIsKnown) {
-    FrameReader reader;
-    EXPECT_TRUE(reader.feed(std::string(kHello) + "\n#1\na\n##\n"));
-    EXPECT_TRUE(reader.awaiting_framing());
-    EXPECT_EQ(reader.ready(), kHello);
-    reader.consume(reader.ready().size());
-    EXPECT_TRUE(reader.ready().empty());
-    EXPECT_TRUE(reader.set_framing(true));
-    EXPECT_EQ(reader.ready(), "\n#1\na\n##\n");
-
-    FrameReader base10;
-    base10.feed(std::string(kHello) + "\n#1\na\n##\n");
-    EXPECT_TRUE(base10.set_framing(false));  // one message in the making
-    EXPECT_EQ(base10.ready(), kHello);
 }
 
 }  // namespace

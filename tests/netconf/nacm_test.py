@@ -1,10 +1,9 @@
 #!/usr/bin/python3
-"""Access control (NACM) of tkav-netconfd as python3-ncclient sees it, over SSH.
-
-    nacm_test.py --daemon PATH [unittest options]
-
-The superuser admin writes /nacm; user oper is in the group it configures.
-"""
+# Access control (NACM) of tkav-netconfd as python3-ncclient sees it, over SSH.
+#
+#     nacm_test.py --daemon PATH [unittest options]
+#
+# The superuser admin writes /nacm; user oper is in the group it configures.
 
 import sys
 
@@ -52,13 +51,11 @@ class NacmTest(DaemonTestCase):
 
     def unchanged_by(self, attempt):
         """Runs `attempt`, which must be refused with access-denied, changing nothing; returns the error."""
-        running, appliance, received = self.running(), self.appliance_configuration(), self.lines_received()
+        before = self.snapshot()
         with self.assertRaises(RPCError) as caught:
             attempt()
         self.assertEqual(caught.exception.tag, "access-denied", caught.exception.message)
-        self.assertEqual(self.running(), running)
-        self.assertEqual(self.appliance_configuration(), appliance)
-        self.assertEqual(self.lines_received(), received)
+        self.assertEqual(self.snapshot(), before)
         return caught.exception
 
     def test_a_read_only_user_reads_everything_and_changes_nothing(self):

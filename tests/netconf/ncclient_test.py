@@ -1,12 +1,11 @@
 #!/usr/bin/python3
-"""tkav-netconfd as python3-ncclient sees it, over SSH on 127.0.0.1.
-
-    ncclient_test.py --daemon PATH [--valgrind] [unittest options]
-
-With --valgrind the daemon runs under valgrind's memcheck for the whole
-suite; the suite then also fails when valgrind reports an error or a
-definite leak.
-"""
+# tkav-netconfd as python3-ncclient sees it, over SSH on 127.0.0.1.
+#
+#     ncclient_test.py --daemon PATH [--valgrind] [unittest options]
+#
+# With --valgrind the daemon runs under valgrind's memcheck for the whole
+# suite; the suite then also fails when valgrind reports an error or a
+# definite leak.
 
 import argparse
 import warnings
@@ -41,7 +40,6 @@ DAEMON_NS = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd"
 NC_NS = "urn:ietf:params:xml:ns:netconf:base:1.0"
 NCM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
 NACM_NS = "urn:ietf:params:xml:ns:yang:ietf-netconf-acm"
-YL_NS = "urn:ietf:params:xml:ns:yang:ietf-yang-library"
 PROFILE_PATH = ("/tavrik-antivirus:antivirus/tavrik-antivirus:vsys[tavrik-antivirus:name='vs1']"
                 "/tavrik-antivirus:profiles/tavrik-antivirus:profile[tavrik-antivirus:name='p1']/")
 
@@ -69,7 +67,6 @@ READ_ONLY = ("<groups><group><name>operators</name><user-name>oper</user-name><u
              + rule("read-all", "<module-name>*</module-name><access-operations>read</access-operations>"
                                 "<action>permit</action>")
              + rule("no-writes", f'<module-name>tavrik-antivirus</module-name><path xmlns:av="{NS}">/av:antivirus</path>'
-
                                  "<access-operations>create update delete</access-operations><action>deny</action>")
              + "</rule-list>")
 
@@ -85,14 +82,9 @@ def described(text, name="p1"):
 
 FULL_PROFILE = profile(
     "<name>p1</name><description>office traffic</description><heuristic-detect-enable>true</heuristic-detect-enable>"
-    + "".join(f"<detect><protocol-type>{p}</protocol-type><detect-configuration><direction>{d}</direction><action>"
-              f"{a}</action></detect-configuration></detect>"
-              for p, d, a in (("http", "both", "block"), ("smtp", "upload", "delete-attachment")))
-    + "<exception-signature-id>1001</exception-signature-id><exception-signature><id>2002</id>"
-      "<action>block-source-ip</action><timeout>60</timeout></exception-signature><whitelists><match-rules>"
-      "<match-rule><scope>url</scope><type>prefix</type><value>www.example.com/d/*</value></match-rule></match-rules>"
-      "<source-address-range><start-address>192.0.2.100</start-address><end-address>192.0.2.120</end-address>"
-      "</source-address-range><destination-address>198.51.100.7</destination-address></whitelists>")
+    "<detect><protocol-type>http</protocol-type><detect-configuration><direction>both</direction><action>block"
+    "</action></detect-configuration></detect><whitelists><match-rules><match-rule><scope>url</scope><type>prefix"
+    "</type><value>www.example.com/d/*</value></match-rule></match-rules></whitelists>")
 
 
 def free_port():
@@ -260,9 +252,8 @@ class DaemonTestCase(unittest.TestCase):
                 self.fail(failure)
             time.sleep(0.1)
 
-    def nacm(self, **options):
-        return self.m.get_config(source="running", filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>'),
-                                 **options).data_ele
+    def nacm(self):
+        return self.m.get_config(source="running", filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>')).data_ele
 
     def write_nacm(self, body):
         self.m.edit_config(target="running", config=config("", nacm(body)))
@@ -281,66 +272,34 @@ class NcclientTest(DaemonTestCase):
     def test_hello_lists_the_model_and_the_capabilities_served(self):
         capabilities = list(self.m.server_capabilities)
         self.assertTrue(any(c.startswith(NS + "?module=tavrik-antivirus&revision=") for c in capabilities))
-        for name in ("writable-running:1.0", "validate:1.1", "rollback-on-error:1.0", "yang-library:1.1",
-                     "xpath:1.0", "candidate:1.0", "confirmed-commit:1.1", "startup:1.0"):
-            self.assertIn("urn:ietf:params:netconf:capability:" + name, [c.split("?")[0] for c in capabilities])
-        self.assertFalse([c for c in capabilities if c.startswith("urn:ietf:params:netconf:capability:url")])
         self.assertIn(NC_NS + "?module=ietf-netconf&revision=2011-06-01&features=writable-running,candidate,"
                       "confirmed-commit,rollback-on-error,validate,startup,xpath", capabilities)
-        host_key = os.path.join(self.daemon.dir, "state", "ssh_host_ecdsa_key")
-        self.assertEqual(os.stat(host_key).st_mode & 0o777, 0o600)  # generated at the first start
+        self.assertFalse([c for c in capabilities if c.startswith("urn:ietf:params:netconf:capability:url")])
 
-    def test_an_edit_reaches_running_and_the_appliance(self):
-        self.m.edit_config(target="running", config=FULL_PROFILE)
-        running = self.running()
-        self.assertEqual(texts(running, "description"), ["office traffic"])
-        self.assertEqual(sorted(texts(running, "protocol-type")), ["http", "smtp"])
-        self.assertEqual(texts(running, "exception-signature-id"), ["1001"])
-        self.assertEqual(texts(running, "end-address"), ["192.0.2.120"])
-        self.assertIn("profile type av name p1", texts(self.appliance(), "line"))
-        appliance = self.appliance_configuration()
-        self.assertEqual(texts(appliance, "description"), ["office traffic"])
-        self.assertEqual(texts(appliance, "destination-address"), ["198.51.100.7"])
-
-    def test_edit_operations(self):
-        """Per-node and default operations: the error tag, and the description of p1 left in running and
-        on the appliance."""
-        op = f' xmlns:nc="{NC_NS}" nc:operation='
-        cases = [  # (edit, default operation, error tag, description afterwards)
-            (profile("<name>p1</name>", op + '"create"'), "merge", "data-exists", "one"),
-            (described("two"), "merge", None, "two"),
-            (profile("<name>p1</name>", op + '"replace"'), "merge", None, None),
-            (profile(f'<name>p1</name><description{op}"merge">three</description>'), "none", None, "three"),
-            (profile(f'<name>p1</name><description{op}"delete"/>'), "merge", None, None),
-            (profile("<name>p1</name><colour>red</colour>"), "merge", "unknown-element", "one"),
-            (profile("<name>p1</name>", op + '"delete"'), "merge", None, None),
-            (profile("<name>p9</name>", op + '"delete"'), "merge", "data-missing", "one"),
-            (profile("<name>p9</name>", op + '"remove"'), "merge", None, "one"),
-            (config(f'<vsys{op}"delete"><name>vs1</name></vsys>'), "merge", None, None),
-        ]
-        for edit, default, tag, description in cases:
-            with self.subTest(edit=edit):
-                self.m.edit_config(target="running", config=config(""), default_operation="replace")
-                self.m.edit_config(target="running", config=described("one"))
-                self.assertEqual(error_tag(self.m.edit_config, target="running", config=edit,
-                                           default_operation=default), tag)
-                for configuration in (self.running(), self.appliance_configuration()):
-                    self.assertEqual(texts(configuration, "description"), [description] if description else [])
-        self.assertIn("undo profile type av name p1", texts(self.appliance(), "line"))
-
-    def test_checks_and_refused_edits_change_nothing(self):
+    def test_refused_requests_get_their_error_tag_and_change_nothing(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
         before = self.snapshot()
         good, bad = described("new"), described("why?")
         two_vsys = config("<vsys><name>vs2</name><antivirus-enable>true</antivirus-enable></vsys><vsys><name>vs1"
                           "</name><profiles><profile><name>p1</name><description>?</description></profile>"
                           "</profiles></vsys>")
+        op = f' xmlns:nc="{NC_NS}" nc:operation='
+        url, x = "<url>file:///tmp/x</url>", f"xmlns='{NC_NS}'"
         requests = [  # (request, error tag)
             (lambda: self.m.edit_config(target="running", config=good, test_option="test-only"), None),
             (lambda: self.m.edit_config(target="running", config=bad, test_option="test-only"), "bad-element"),
             (lambda: self.m.validate(source="running"), None),
             (lambda: self.m.validate(source=to_ele(good)), None),
             (lambda: self.m.validate(source=to_ele(bad)), "bad-element"),
+            (lambda: self.m.edit_config(target="running", config=profile("<name>p1</name>", op + '"create"')),
+             "data-exists"),
+            (lambda: self.m.edit_config(target="running", config=profile("<name>p9</name>", op + '"delete"')),
+             "data-missing"),
+            (lambda: self.m.edit_config(target="running", config=profile("<name>p1</name><colour>red</colour>")),
+             "unknown-element"),
+        ] + [(lambda body=body: self.m.dispatch(to_ele(body)), tag)  # what ncclient would not send itself
+             for body, tag in ((f"<get-config {x}/>", "missing-element"),
+                               (f"<validate {x}><source>{url}</source></validate>", "operation-not-supported"))
         ] + [(lambda option=option: self.m.edit_config(target="running", config=two_vsys, error_option=option),
               "bad-element") for option in ("stop-on-error", "continue-on-error", "rollback-on-error")]
         for number, (request, tag) in enumerate(requests):
@@ -349,10 +308,10 @@ class NcclientTest(DaemonTestCase):
                 self.assertEqual(self.snapshot(), before)
 
     def test_error_paths_resolve_with_the_namespaces_the_reply_declares(self):
-        """The rpc-error of a module refusal, a model refusal and an appliance
-        refusal, read with lxml: the error-path, with the prefixes declared on
-        it and nothing else, selects the offending node of the request; the
-        node's name is the bad-element; the module's path is in error-info."""
+        # The rpc-error of a module refusal, a model refusal and an appliance
+        # refusal, read with lxml: the error-path, with the prefixes declared on
+        # it and nothing else, selects the offending node of the request; the
+        # node's name is the bad-element; the module's path is in error-info.
         cases = [  # (what, profile body, offending node's name, tag, module's path)
             ("module", "<name>p1</name><description>why?</description>", "description", "bad-element", True),
             ("model", f"<name>{'p' * 117}</name>", "name", "invalid-value", False),
@@ -367,7 +326,6 @@ class NcclientTest(DaemonTestCase):
                     self.m.edit_config(target="running", config=request)
                 error = etree.fromstring(etree.tostring(caught.exception.xml))  # the rpc-error alone
                 self.assertEqual(error.findtext(f"{{{NC_NS}}}error-tag"), tag)
-                self.assertEqual(error.findtext(f"{{{NC_NS}}}error-type"), "application")
                 self.assertEqual([etree.QName(c).localname for c in error][-3:],
                                  ["error-path", "error-message", "error-info"])  # RFC 6241's order
                 path_element = error.find(f"{{{NC_NS}}}error-path")
@@ -382,41 +340,17 @@ class NcclientTest(DaemonTestCase):
                 self.assertEqual(bool(info), module_path, info)
                 if module_path:
                     self.assertTrue(info.endswith("/description"), info)
-                    self.assertIn("'?'", error.findtext(f"{{{NC_NS}}}error-message"))  # the module's refusal
         self.assertEqual(self.snapshot()[:2], before)
 
     def test_nacm_configuration_is_written_read_back_and_replaced_by_copy_config(self):
-        self.write_nacm(READ_ONLY + "<read-default>deny</read-default>")
-        for data in (self.nacm(), self.m.get(filter=("subtree", f'<nacm xmlns="{NACM_NS}"/>')).data_ele):
-            self.assertEqual(texts(data, "user-name"), ["oper", "audit"])
-            self.assertEqual(texts(data, "access-operations"), ["read", "create update delete"])
-            self.assertEqual(texts(data, "write-default"), [])  # a default, not configured
-        self.assertEqual(texts(self.nacm(with_defaults="report-all"), "write-default"), ["deny"])
+        self.write_nacm(READ_ONLY)
+        self.assertEqual(texts(self.nacm(), "user-name"), ["oper", "audit"])
         with self.assertRaises(RPCError) as caught:
             self.m.edit_config(target="running", config=config("", nacm("<enable-nacm>sometimes</enable-nacm>")))
         self.assertTrue(caught.exception.path.startswith("/ietf-netconf-acm:nacm"), caught.exception.path)
         self.copy_inline(described("copied"), "running")  # everything is replaced, /nacm included
         self.assertEqual(texts(self.nacm(), "user-name"), [])
         self.assertEqual(self.description(), ["copied"])
-
-    def test_get_adds_the_state_the_libraries_and_the_appliance(self):
-        self.m.edit_config(target="running", config=FULL_PROFILE)
-        top = {etree.QName(e).localname for e in self.m.get().data_ele}
-        self.assertLessEqual({"antivirus", "antivirus-state", "yang-library", "netconf-state", "appliance"}, top)
-        state = self.m.get(filter=("subtree", f'<antivirus-state xmlns="{NS}"/>')).data_ele
-        self.assertEqual([etree.QName(e).localname for e in state], ["antivirus-state"])
-        self.assertEqual(texts(state, "reference-count"), ["0"])
-        self.assertIn("2002", texts(state, "signature-id"))
-        library = self.m.get(filter=("subtree", f'<yang-library xmlns="{YL_NS}"/>')).data_ele
-        datastores = list(library.iter(f"{{{YL_NS}}}datastore"))
-        self.assertEqual(sorted(d.findtext(f"{{{YL_NS}}}name").split(":")[-1] for d in datastores),
-                         ["candidate", "running", "startup"])
-        schemas = {s.findtext(f"{{{YL_NS}}}name") for s in library.iter(f"{{{YL_NS}}}schema") if len(s)}
-        for datastore in datastores:
-            self.assertIn(datastore.findtext(f"{{{YL_NS}}}schema"), schemas)
-        self.assertIn("module tavrik-antivirus", self.m.get_schema("tavrik-antivirus").xml)
-        for schema in (("no-such-module",), ("tavrik-antivirus", "1999-01-01")):
-            self.assertEqual(error_tag(self.m.get_schema, *schema), "invalid-value")
 
     def test_subtree_and_xpath_filters_with_prefixes_of_the_clients_choosing(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
@@ -426,15 +360,13 @@ class NcclientTest(DaemonTestCase):
         only_p1 = self.m.get_config(source="running", filter=(
             "subtree", f'<antivirus xmlns="{NS}"><vsys><name>vs1</name><profiles><profile>'
                        '<name>p1</name><detect/></profile></profiles></vsys></antivirus>')).data_xml
-        self.assertEqual(sorted(texts(only_p1, "protocol-type")), ["http", "smtp"])
-        self.assertEqual(texts(only_p1, "description"), [])
+        self.assertEqual((texts(only_p1, "protocol-type"), texts(only_p1, "description")), (["http"], []))
         select = "/av:antivirus/av:vsys[av:name='vx']/av:profiles/av:profile[av:name!='p2']"
         for read in (lambda f: self.m.get_config(source="running", filter=f), lambda f: self.m.get(filter=f)):
             data = read(("xpath", ({"av": NS}, select))).data_ele
             self.assertEqual([etree.QName(e).localname for e in data], ["antivirus"])  # no state, no library
             self.assertEqual(texts(data, "name"), ["vx", "p1", "p3"])
-        for bad, tag in (("/av:antivirus[", "operation-failed"), ("/zz:antivirus", "operation-failed"),
-                         ("count(/av:antivirus)", "invalid-value")):
+        for bad, tag in (("/av:antivirus[", "operation-failed"), ("count(/av:antivirus)", "invalid-value")):
             with self.subTest(select=bad):
                 self.assertEqual(error_tag(self.m.get, filter=("xpath", ({"av": NS}, bad))), tag)
         self.assertIn("p2", texts(self.running(), "name"))  # the session goes on
@@ -444,27 +376,14 @@ class NcclientTest(DaemonTestCase):
             reply = self.m.get(filter=("subtree", f'<netconf-state xmlns="{NCM_NS}">{inner}</netconf-state>'))
             return reply.data_ele
 
-        def own_session():
-            entry = state(f"<sessions><session><session-id>{self.m.session_id}</session-id></session></sessions>")
-            return {etree.QName(e).localname: e.text for e in entry.iter() if len(e) == 0}
-
-        before = own_session()
-        self.assertEqual(before["username"], "admin")
-        self.assertEqual(before["transport"].split(":")[-1], "netconf-ssh")
-        self.assertEqual(before["source-host"], "127.0.0.1")
-        self.assertTrue(before["login-time"].startswith(time.strftime("%Y-", time.gmtime())))
-        with self.assertRaises(RPCError):  # refused by libnetconf2 itself, while parsing
-            self.m.dispatch(to_ele(f'<no-such-operation xmlns="{NC_NS}"/>'))
-        after = own_session()
-        # The monitoring <get> before, the refused request.
-        for counter in ("in-rpcs", "in-bad-rpcs", "out-rpc-errors"):
-            self.assertEqual(int(after[counter]), int(before[counter]) + 1, counter)
-
+        own = state(f"<sessions><session><session-id>{self.m.session_id}</session-id></session></sessions>")
+        own = {etree.QName(e).localname: e.text for e in own.iter() if len(e) == 0}
+        self.assertEqual((own["username"], own["source-host"]), ("admin", "127.0.0.1"))
+        self.assertEqual(own["transport"].split(":")[-1], "netconf-ssh")
         self.m.lock(target="running")
         lock = state("<datastores/>")
         self.assertEqual(texts(lock, "name"), ["running", "candidate", "startup"])
         self.assertEqual(texts(lock, "locked-by-session"), [str(self.m.session_id)])
-        self.assertTrue(texts(lock, "locked-time")[0].startswith(time.strftime("%Y-", time.gmtime())))
         self.m.unlock(target="running")
         self.assertEqual(texts(state("<datastores/>"), "locked-by-session"), [])
 
@@ -477,31 +396,19 @@ class NcclientTest(DaemonTestCase):
         self.assertIn(own, caught.exception.info)
         steps = [  # (request, error tag)
             (lambda: other.edit_config(target="running", config=described("theirs")), "in-use"),
-            (lambda: other.unlock(target="running"), "operation-failed"),
-            (lambda: m.lock(target="running"), "lock-denied"),  # held already
             (lambda: m.edit_config(target="running", config=described("mine")), None),  # by the holder
             (lambda: m.unlock(target="running"), None),
             # A candidate with changes of this session: only this session may lock it.
             (lambda: m.edit_config(target="candidate", config=described("staged")), None),
             (lambda: other.lock(target="candidate"), "lock-denied"),
             (lambda: m.lock(target="candidate"), None),
-            (lambda: other.edit_config(target="candidate", config=described("theirs")), "in-use"),
-            (lambda: other.discard_changes(), "in-use"),
             (lambda: other.commit(), "in-use"),
-            (lambda: m.unlock(target="candidate"), None),  # which discards the changes
-            (lambda: self.assertEqual(self.description("candidate"), ["mine"]), None),
-            # Another session's lock of running stops a commit.
-            (lambda: other.lock(target="running"), None),
-            (lambda: m.edit_config(target="candidate", config=described("staged")), None),
-            (lambda: m.commit(), "in-use"),
-            (lambda: other.unlock(target="running"), None),
             # A pending confirmed commit keeps running from other sessions' locks.
             (lambda: m.commit(confirmed=True), None),
             (lambda: other.lock(target="running"), "lock-denied"),
             (lambda: m.commit(), None),
-            (lambda: other.lock(target="running"), None),
             (lambda: m.kill_session(own), "invalid-value"),
-            (lambda: m.kill_session("4242"), "invalid-value"),
+            (lambda: other.lock(target="running"), None),
             (lambda: m.kill_session(str(other.session_id)), None),
             (lambda: m.lock(target="running"), None),  # the killed session's lock is gone
         ]
@@ -512,8 +419,7 @@ class NcclientTest(DaemonTestCase):
     def test_broken_framing_ends_only_that_ssh_session(self):
         hello = (f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
                  '</capability></capabilities></hello>]]>]]>').encode()
-        cases = [b"\n#abc\n<rpc/>\n##\n", b"\n#18446744073709551615\n<rpc/>", b"\n##\n", b"<rpc/>]]>]]>"]
-        for number, payload in enumerate(cases):
+        for number, payload in enumerate([b"\n#abc\n<rpc/>\n##\n", b"\n##\n", b"<rpc/>]]>]]>"]):
             with self.subTest(payload=payload):
                 transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
                 try:
@@ -530,59 +436,39 @@ class NcclientTest(DaemonTestCase):
                     transport.close()
                 # This test's session edits on in between.
                 self.m.edit_config(target="running", config=described(f"edit {number}"))
-        self.assertEqual(self.description(), [f"edit {len(cases) - 1}"])
+                self.assertEqual(self.description(), [f"edit {number}"])
 
     def test_public_key_and_password_logins(self):
         for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},
                             {"username": "bob", "password": "b0b-pw"}):
             self.daemon.connect(**credentials).close_session()
-        for credentials in ({"username": "admin", "password": "wrong"},
-                            {"username": "root", "password": "s3cret"},
-                            {"username": "bob", "password": "b0b-p"},
+        for credentials in ({"username": "admin", "password": "wrong"}, {"username": "root", "password": "s3cret"},
                             {"username": "alice", "password": "s3cret"}):
             with self.assertRaises(Exception):
                 self.daemon.connect(**credentials)
 
-    def run_example(self, *command):
-        run = subprocess.run(command, capture_output=True, text=True, timeout=SLOW * 60, stdin=subprocess.DEVNULL,
+    def test_yangcli_edits_the_candidate_and_commits(self):
+        """yangcli, a client this project does not control, runs the example script."""
+        script = os.path.join(EXAMPLES, "client", "candidate-commit.yangcli")
+        run = subprocess.run(["yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}",
+                              "--user=admin", "--password=s3cret", "--run-script=" + script],
+                             capture_output=True, text=True, timeout=SLOW * 60, stdin=subprocess.DEVNULL,
                              env={**os.environ, "HOME": tempfile.mkdtemp(dir=self.daemon.dir)})
         self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
-        return run.stdout
-
-    def test_the_example_clients(self):
-        client = os.path.join(EXAMPLES, "client")
-        # yangcli, a client this project does not control, edits the candidate and commits.
-        out = self.run_example("yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}",
-                               "--user=admin", "--password=s3cret",
-                               "--run-script=" + os.path.join(client, "candidate-commit.yangcli"))
-        self.assertNotIn("rpc-error", out)
+        self.assertNotIn("rpc-error", run.stdout)
         for configuration in (self.running(), self.appliance_configuration()):
             self.assertEqual(texts(configuration, "description"), ["staged by yangcli"])
-            self.assertEqual(texts(configuration, "heuristic-detect-enable"), ["true"])
-        out = self.run_example(sys.executable, os.path.join(client, "create-profile.py"), "--port",
-                               str(self.daemon.port), "--user", "admin", "--password", "s3cret", "--profile", "ex")
-        self.assertIn("add    profile type av name ex", out)
-        self.assertIn("ex", texts(self.running(), "name"))
-        out = self.run_example(sys.executable, os.path.join(client, "staged-commit.py"), "--port",
-                               str(self.daemon.port), "--password", "s3cret", "--confirm-timeout", str(2 * SLOW))
-        self.assertIn("the daemon restored the configuration", out)
-        self.assertIn("confirmed change", self.description())
 
     def test_the_candidate_stages_edits_until_they_are_committed(self):
         self.m.edit_config(target="running", config=described("one"))
-        self.assertEqual(self.description("candidate"), ["one"])  # it follows running until edited
         running, lines = self.running(), self.lines_received()
         self.m.edit_config(target="candidate", config=described("staged"))
         self.m.edit_config(target="candidate", config=profile("<name>p2</name>"))
         self.assertEqual((self.running(), self.lines_received()), (running, lines))  # the appliance heard nothing
-        self.m.edit_config(target="running", config=config("<vsys><name>vs2</name></vsys>"))
-        self.assertEqual(texts(self.running("candidate"), "name"), ["vs1", "p1", "p2"])
-        self.m.validate(source="candidate")
-        self.m.commit()  # running becomes the candidate: vs2 goes
+        self.m.commit()
         for configuration in (self.running(), self.appliance_configuration()):
             self.assertEqual(texts(configuration, "description"), ["staged"])
             self.assertIn("p2", texts(configuration, "name"))
-            self.assertNotIn("vs2", texts(configuration, "name"))
         self.m.edit_config(target="candidate", config=profile("<name>p3</name>"))
         self.m.discard_changes()
         self.assertEqual(self.running("candidate"), self.running())
@@ -598,30 +484,13 @@ class NcclientTest(DaemonTestCase):
         self.assertEqual(self.snapshot(), before)
 
     def test_copy_config_between_the_datastores(self):
-        m = self.m
-        self.assertEqual(error_tag(m.copy_config, source="startup", target="running"), "operation-failed")
-        m.edit_config(target="running", config=described("saved"))
-        m.copy_config(source="running", target="startup")
-        m.edit_config(target="running", config=described("changed"))
-        steps = [  # (request, descriptions in running, candidate, startup)
-            (lambda: m.copy_config(source="startup", target="candidate"), "changed", "saved", "saved"),
-            (lambda: m.validate(source="candidate"), "changed", "saved", "saved"),
-            (lambda: m.copy_config(source="candidate", target="running"), "saved", "saved", "saved"),
-            (lambda: self.copy_inline(described("inline"), "startup"), "saved", "saved", "inline"),
-            (lambda: self.copy_inline(described("draft"), "candidate"), "saved", "draft", "inline"),
-            (lambda: m.copy_config(source="candidate", target="startup"), "saved", "draft", "draft"),
-            (lambda: m.copy_config(source="running", target="candidate"), "saved", "saved", "draft"),
-            (lambda: m.copy_config(source="startup", target="running"), "draft", "draft", "draft"),
-            (lambda: m.delete_config(target="startup"), "draft", "draft", None),
-        ]
-        for number, (request, *expected) in enumerate(steps):
-            with self.subTest(step=number):
-                request()
-                self.assertEqual([(self.description(ds) or [None])[0] for ds in ("running", "candidate", "startup")],
-                                 expected)
-        self.assertEqual(texts(self.appliance_configuration(), "description"), ["draft"])
-        self.copy_inline(described("why?"), "candidate")
-        self.assertEqual(error_tag(m.validate, source="candidate"), "bad-element")  # the module checks it
+        self.assertEqual(error_tag(self.m.copy_config, source="startup", target="running"), "operation-failed")
+        self.copy_inline(described("inline"), "startup")
+        self.m.copy_config(source="startup", target="candidate")
+        self.assertEqual([self.description(ds) for ds in ("running", "candidate", "startup")],
+                         [[], ["inline"], ["inline"]])
+        self.m.delete_config(target="startup")
+        self.assertEqual(self.description("startup"), [])
 
     def test_a_confirmed_commit_that_is_not_confirmed_reverts(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
@@ -634,7 +503,6 @@ class NcclientTest(DaemonTestCase):
 
     def test_who_settles_a_confirmed_commit(self):
         m, other = self.m, self.session()
-        m.edit_config(target="running", config=described("before"))
         m.edit_config(target="candidate", config=described("first"))
         m.commit(confirmed=True, timeout=str(SLOW))
         m.edit_config(target="candidate", config=described("second"))
@@ -642,19 +510,14 @@ class NcclientTest(DaemonTestCase):
         time.sleep(1.5 * SLOW)
         steps = [  # (request, error tag)
             (lambda: self.assertEqual(self.description(), ["second"]), None),
-            (lambda: other.commit(), "in-use"),
             (lambda: other.cancel_commit(), "in-use"),
-            (lambda: m.cancel_commit(persist_id="token"), "invalid-value"),
             (lambda: m.cancel_commit(), None),  # back to before the first confirmed commit
-            (lambda: self.assertEqual(self.description(), ["before"]), None),
-            (lambda: m.cancel_commit(), "operation-failed"),  # none pending
+            (lambda: self.assertEqual(self.description(), []), None),
             (lambda: m.edit_config(target="candidate", config=described("persistent")), None),
             (lambda: m.commit(confirmed=True, persist="token"), None),
             (lambda: m.close_session(), None),  # with persist, the end of the session changes nothing
             (lambda: other.commit(persist_id="wrong"), "invalid-value"),
-            (lambda: other.commit(), "invalid-value"),
             (lambda: other.commit(persist_id="token"), None),
-            (lambda: other.commit(persist_id="token"), "invalid-value"),  # none pending
             (lambda: self.assertEqual(texts(other.get_config(source="running").data_xml, "description"),
                                       ["persistent"]), None),
         ]
@@ -686,8 +549,6 @@ class NcclientTest(DaemonTestCase):
         self.assertEqual(self.restart(self.daemon.stop, ["--boot-from-startup", "yes"]), 0, self.daemon.log())
         self.assertEqual(self.running(), startup)
         self.assertEqual(self.appliance_configuration(), appliance)
-        self.m.delete_config(target="startup")
-        self.assertEqual(texts(self.running("startup"), "profile"), [])
 
     def test_zz_a_confirmed_commit_pending_at_a_restart_is_rolled_back(self):
         self.m.edit_config(target="running", config=FULL_PROFILE)
@@ -697,15 +558,6 @@ class NcclientTest(DaemonTestCase):
         self.restart(self.daemon.kill)
         self.assertEqual(self.snapshot()[:2], (running, appliance))
         self.assertEqual(error_tag(self.m.commit, persist_id="across-restarts"), "invalid-value")  # it is over
-        self.assertIn("a confirmed commit was pending when the daemon stopped", self.daemon.log())
-
-    def test_zz_restart_keeps_the_configuration(self):
-        self.m.edit_config(target="running", config=FULL_PROFILE)
-        self.write_nacm(READ_ONLY)
-        running, appliance, _ = self.snapshot()
-        self.m.lock(target="running")  # still connected and holding the lock when the daemon stops
-        self.assertEqual(self.restart(self.daemon.stop), 0, self.daemon.log())
-        self.assertEqual(self.snapshot()[:2], (running, appliance))
 
 
 def main():

@@ -1,8 +1,7 @@
 #!/usr/bin/python3
-"""tkav-netconfd's event notifications as python3-ncclient sees them.
-
-    notification_test.py --daemon PATH [unittest options]
-"""
+# tkav-netconfd's event notifications as python3-ncclient sees them.
+#
+#     notification_test.py --daemon PATH [unittest options]
 
 import datetime
 import os
@@ -46,8 +45,6 @@ class NotificationTest(base.DaemonTestCase):
         event = n.notification_ele.find(f"{{{NOTIF_NS}}}eventTime").getnext()
         return etree.QName(event).localname, event
 
-    def field(self, event, name):
-        return base.texts(event, name)
 
     def test_config_change_reaches_a_subscriber_within_a_second(self):
         self.m = self.admin
@@ -65,11 +62,11 @@ class NotificationTest(base.DaemonTestCase):
                     bob.commit()
                 name, event = self.next_event(subscriber)
                 self.assertEqual(name, "netconf-config-change")
-                self.assertEqual(self.field(event, "username"), ["bob"])
-                self.assertEqual(self.field(event, "session-id"), [str(bob.session_id)])
-                self.assertEqual(self.field(event, "datastore"), ["running"])
-                targets = self.field(event, "target")
-                operations = self.field(event, "operation")
+                self.assertEqual(base.texts(event, "username"), ["bob"])
+                self.assertEqual(base.texts(event, "session-id"), [str(bob.session_id)])
+                self.assertEqual(base.texts(event, "datastore"), ["running"])
+                targets = base.texts(event, "target")
+                operations = base.texts(event, "operation")
                 expected = ([(PROFILE, "replace")] if commit
                             else [("/tk-antivirus:antivirus", "create")])
                 self.assertEqual(list(zip(targets, operations)), expected)
@@ -89,9 +86,9 @@ class NotificationTest(base.DaemonTestCase):
         self.admin.kill_session(victim.session_id)
         name, event = self.next_event(subscriber)
         self.assertEqual(name, "netconf-session-end")
-        self.assertEqual(self.field(event, "session-id"), [str(victim.session_id)])
-        self.assertEqual(self.field(event, "termination-reason"), ["killed"])
-        self.assertEqual(self.field(event, "killed-by"), [str(self.admin.session_id)])
+        self.assertEqual(base.texts(event, "session-id"), [str(victim.session_id)])
+        self.assertEqual(base.texts(event, "termination-reason"), ["killed"])
+        self.assertEqual(base.texts(event, "killed-by"), [str(self.admin.session_id)])
 
     def test_replay_from_a_start_time(self):
         self.admin.edit_config(target="running", config=base.described("before"))
@@ -103,7 +100,7 @@ class NotificationTest(base.DaemonTestCase):
         late = self.connect()
         late.create_subscription(filter=notif_filter("<n:netconf-config-change/>"), start_time=start, stop_time=stop)
         name, event = self.next_event(late)
-        self.assertEqual((name, self.field(event, "target")), ("netconf-config-change", [PROFILE]))
+        self.assertEqual((name, base.texts(event, "target")), ("netconf-config-change", [PROFILE]))
         self.assertEqual(self.next_event(late)[0], "replayComplete")
         self.assertEqual(self.next_event(late)[0], "notificationComplete")
         # The subscription has ended: the session may subscribe again.

@@ -21,15 +21,13 @@ inline constexpr const char* kModelNs = "urn:tavrik:params:xml:ns:yang:tavrik-an
 inline constexpr const char* kDaemonNs = "urn:tavrik:params:xml:ns:yang:tavrik-netconfd";
 
 struct ErrorReport {
-    std::string tag, message, session_id;
+    std::string tag, message;
 };
 
 struct Reply {
     bool ok = false;                   // <ok/>
     std::optional<std::string> data;   // the content of <data>, as XML text
     std::vector<ErrorReport> errors;   // <rpc-error>s; none, no <ok/>, no data: no reply
-
-    const ErrorReport& error() const;  // the first; fails the test when none
 };
 
 class Client {
@@ -41,55 +39,21 @@ public:
     // A session on the daemon's UNIX socket. The schemas come from the
     // daemon through <get-schema>.
     static std::unique_ptr<Client> unix_socket(const std::string& path);
-    // A session on a pair of file descriptors (the daemon's --stdio).
-    static std::unique_ptr<Client> inout(int from_server, int to_server);
-
-    std::uint32_t id() const;
 
     Reply send(nc_rpc* rpc);  // takes the RPC
     Reply edit(std::string_view config, std::string_view target = "running");  // merge; or "candidate"
     Reply get_config();  // of running
     Reply get(std::string_view filter = {});
-    Reply lock();
     Reply commit();
-    Reply close();
 
     // The running configuration and the appliance's configuration (as the
     // module reads it), each as XML text ("" when empty).
     std::string running();
     std::string appliance_configuration();
-    std::uint64_t lines_received();
 
 private:
-    explicit Client(nc_session* session, int in = -1, int out = -1) : session_(session), fds_{in, out} {}
+    explicit Client(nc_session* session) : session_(session) {}
     nc_session* session_;
-    int fds_[2];  // descriptors of an inout session, closed with it
-};
-
-// A session spoken byte by byte, for what a library client would never
-// send: on the daemon's UNIX socket or on a pair of descriptors.
-class RawSession {
-public:
-    static std::unique_ptr<RawSession> unix_socket(const std::string& path);
-    RawSession(int from_server, int to_server);  // takes both
-    ~RawSession();
-    RawSession(const RawSession&) = delete;
-    RawSession& operator=(const RawSession&) = delete;
-
-    void write(std::string_view bytes);
-    // Sends a <hello> offering base `version` ("1.0" or "1.1") and reads the
-    // daemon's; later messages are framed as that version says.
-    std::string hello(std::string_view version);
-    std::string rpc(std::string_view body);  // one <rpc>, framed; the reply
-    std::string receive();                   // one message; "" at the end
-    // Whether the daemon ends the session (within 30 s), reading what is left.
-    bool ended();
-
-private:
-    int from_;
-    int to_;
-    bool chunked_ = false;
-    std::string in_;
 };
 
 // The model's configuration wrapped for an edit: <antivirus> with `body`.
@@ -98,18 +62,11 @@ std::string antivirus(std::string_view body);
 // profile carrying `operation` ("" none).
 std::string profile_edit(std::string_view name, std::string_view body = {}, std::string_view operation = {});
 
-// Text of the first element `name` in `xml` (namespace prefixes ignored);
-// nullopt when there is none.
-std::optional<std::string> element_text(std::string_view xml, std::string_view name);
-std::size_t count_elements(std::string_view xml, std::string_view name);
-
 // tkav-netconfd run by a test: a temporary state directory, the UNIX socket
 // in it, and optionally SSH on a free loopback port.
 class Daemon {
 public:
     Daemon();
-    // A daemon on the existing state directory of another, which keeps it.
-    explicit Daemon(const std::string& shared_state_dir);
     ~Daemon();  // kills a running daemon, removes a state directory it made
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
@@ -123,15 +80,6 @@ public:
     int stop();
     // SIGKILL: the daemon stops at whatever point it has reached.
     void kill();
-    bool running() const { return pid_ > 0; }
-
-    // Runs tkav-netconfd --stdio on this state directory; the pipes to it
-    // go to the returned client. One at a time.
-    std::unique_ptr<Client> stdio_session(const std::vector<std::string>& extra = {});
-    // The same, spoken byte by byte.
-    std::unique_ptr<RawSession> stdio_raw(const std::vector<std::string>& extra = {});
-    // Waits for the --stdio process to exit; its status.
-    int wait_stdio();
 
     // The program run (default: tkav-netconfd of this build).
     void set_program(std::string path) { program_ = std::move(path); }
@@ -144,13 +92,10 @@ public:
 
 private:
     std::vector<std::string> command(const std::vector<std::string>& extra) const;
-    bool stdio_pipes(const std::vector<std::string>& extra, int& from_daemon, int& to_daemon);
     std::string program_ = TKAV_NETCONFD;
     std::string dir_;
-    bool owns_dir_ = true;
     std::string pid_file_;
     pid_t pid_ = -1;
-    pid_t stdio_pid_ = -1;
 };
 
 // A daemon of its own for each test, and a session on it.

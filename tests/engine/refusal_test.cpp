@@ -90,7 +90,7 @@ TEST_F(EngineTest, PlatformRefusalIsUndoneAndReported) {
     const std::string before = running();
     tavrik::runtime::default_platform().next_results = {0, 0, 5};
     const auto result = edit(p1(desc("d") + leaf("collect-attack-evidence-enable", "true")));
-    EXPECT_THAT(result.error.value_or(RpcError()).message, HasSubstr("refused the line \"collect-attack-evidence enable\" (vsys"));
+    EXPECT_THAT(result.error.value_or(RpcError()).message, HasSubstr("line \"collect-attack-evidence enable\" (vsys"));
     const std::vector<std::string> expected = {
         "vs1/system add: profile type av name p1", "vs1/profile-av-p1(profile-av) add: description d",
         "vs1/profile-av-p1(profile-av) add: collect-attack-evidence enable", "vs1/system del: undo profile type av name p1"};

@@ -49,8 +49,7 @@ TEST(Model, TablePathsAndModelNodesMatchOneToOne) {
     EXPECT_EQ(nodes, with_row.size());
     // The timeout handler reads the preceding action: action comes first.
     const lysc_node* action = lys_find_path(ctx, nullptr, "/tavrik-antivirus:antivirus/vsys/profiles/profile/exception-signature/action", 0);
-    ASSERT_TRUE(action && action->next);
-    EXPECT_STREQ(action->next->name, "timeout");
+    EXPECT_STREQ(action && action->next ? action->next->name : "", "timeout");
 }
 
 }  // namespace

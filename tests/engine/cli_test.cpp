@@ -17,34 +17,6 @@ namespace fs = std::filesystem;
 
 std::string slurp(const fs::path& file) { return tavrik::read_file(file.string()).value_or(""); }
 
-struct Outcome { int status; std::string out, err; };
-
-class Cli : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "tkav-test-XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        dir_ = name;
-        fs::copy_file(fs::path(TAVRIK_EXAMPLES_DIR) / "running.xml", dir_ / "running.xml");
-        std::ofstream(dir_ / "bad.xml") << av("\n<vsys>\n<name>vs1</nam>\n</vsys>");
-        std::ofstream(dir_ / "broken.xml") << av("\n" + leaf("global", leaf("file-reputation-age-time", "many")));
-        std::ofstream(dir_ / "app.xml") << p1(leaf("exception-application", leaf("application-name", "nosuchapp")));
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
-    // `arguments` with $E for the examples directory and $D for this test's.
-    Outcome tkav(const std::string& arguments) {
-        std::string args = std::regex_replace(arguments, std::regex("\\$E"), TAVRIK_EXAMPLES_DIR);
-        args = std::regex_replace(args, std::regex("\\$D"), dir_.string());
-        const std::string command =
-            std::string(TKAV_PATH) + " " + args + " >" + (dir_ / "out").string() + " 2>" + (dir_ / "err").string();
-        const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(dir_ / "out"), slurp(dir_ / "err")};
-    }
-
-    fs::path dir_;
-};
-
 struct Invocation {
     const char* name;
     std::string arguments;
@@ -52,7 +24,6 @@ struct Invocation {
     std::string out, err;  // parts of what it prints
     bool writes = false;   // running.xml changes
 };
-std::ostream& operator<<(std::ostream& out, const Invocation& r) { return out << r.name; }
 
 const std::string kApply = "apply $E/01-new-profile.xml --running $D/running.xml";
 const Invocation kRuns[] = {
@@ -81,20 +52,28 @@ const Invocation kRuns[] = {
     {"UnknownDefaultOperation", kApply + " --default-operation sideways", 2, "", "\"sideways\""},
 };
 
-class Runs : public Cli, public ::testing::WithParamInterface<Invocation> {};
+class Runs : public ::testing::TestWithParam<Invocation> {};
 
+// `arguments` with $E for the examples directory and $D for this test's.
 TEST_P(Runs, ExitWithTheirStatusAndPrintTheirFormat) {
     const Invocation& r = GetParam();
-    const std::string before = slurp(dir_ / "running.xml");
-    const Outcome run = tkav(r.arguments);
-    EXPECT_EQ(run.status, r.status) << run.err;
-    EXPECT_THAT(run.out, HasSubstr(r.out));
-    EXPECT_THAT(run.err, HasSubstr(r.err));
-    EXPECT_EQ(slurp(dir_ / "running.xml") != before, r.writes);
+    const fs::path dir = fs::path(::testing::TempDir()) / ("tkav-" + std::string(r.name));
+    fs::create_directories(dir);
+    fs::copy_file(fs::path(TAVRIK_EXAMPLES_DIR) / "running.xml", dir / "running.xml", fs::copy_options::overwrite_existing);
+    std::ofstream(dir / "bad.xml") << av("\n<vsys>\n<name>vs1</nam>\n</vsys>");
+    std::ofstream(dir / "broken.xml") << av("\n" + leaf("global", leaf("file-reputation-age-time", "many")));
+    std::ofstream(dir / "app.xml") << p1(leaf("exception-application", leaf("application-name", "nosuchapp")));
+    const std::string args = std::regex_replace(std::regex_replace(r.arguments, std::regex("\\$E"), TAVRIK_EXAMPLES_DIR),
+                                                std::regex("\\$D"), dir.string());
+    const int status = std::system((TKAV_PATH " " + args + " >" + (dir / "out").string() + " 2>" + (dir / "err").string()).c_str());
+    EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, r.status) << slurp(dir / "err");
+    EXPECT_THAT(slurp(dir / "out"), HasSubstr(r.out));
+    EXPECT_THAT(slurp(dir / "err"), HasSubstr(r.err));
+    EXPECT_EQ(slurp(dir / "running.xml") != slurp(TAVRIK_EXAMPLES_DIR "/running.xml"), r.writes);
+    fs::remove_all(dir);
 }
 
-INSTANTIATE_TEST_SUITE_P(Tkav, Runs, ::testing::ValuesIn(kRuns),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Tkav, Runs, ::testing::ValuesIn(kRuns), by_name);
 
 }  // namespace
 }  // namespace tktest

@@ -1,5 +1,6 @@
 // Tools for the engine's tests: configuration texts built from short pieces,
-// an engine over the real module and model, and lines in a compact form
+// an engine over the real module and model (the simulated appliance behind
+// the channel if asked), and lines in a compact form
 // ("vs1/profile-av-p1(profile-av) add: description x").
 #pragma once
 
@@ -18,21 +19,13 @@
 
 namespace tktest {
 
-using tavrik::engine::ChangeKind;
-using tavrik::engine::ChangeView;
-using tavrik::engine::DefaultOperation;
-using tavrik::engine::EditOptions;
-using tavrik::engine::EditResult;
-using tavrik::engine::Engine;
-using tavrik::engine::ErrorTag;
-using tavrik::engine::RpcError;
+using namespace tavrik::engine;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
 inline const std::string kAv = "/tavrik-antivirus:antivirus";
 inline const std::string kVs1 = kAv + "/vsys[name='vs1']";
 inline const std::string kP1 = kVs1 + "/profiles/profile[name='p1']";
-inline const std::string kNacmPath = "/ietf-netconf-acm:nacm";
 inline const std::vector<std::string> kNacm = {"ietf-netconf-acm"};
 
 // An element with its text; `attributes` go into the start tag.
@@ -40,15 +33,14 @@ inline std::string leaf(const std::string& name, const std::string& text, const 
     return "<" + name + (attributes.empty() ? "" : " " + attributes) + ">" + text + "</" + name + ">";
 }
 inline std::string op(const std::string& operation) { return "nc:operation=\"" + operation + "\""; }
-// A top-level element of `ns` with the prefix nc for operations.
-inline std::string top(const std::string& name, const std::string& ns, const std::string& body,
-                       const std::string& attributes = "") {
+// A top-level element (the model's by default) with the prefix nc for operations.
+inline std::string av(const std::string& body, const std::string& attributes = "", const std::string& name = "antivirus",
+                      const std::string& ns = "urn:tavrik:params:xml:ns:yang:tavrik-antivirus") {
     return leaf(name, body, "xmlns=\"" + ns + "\" xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" " + attributes);
 }
-inline std::string av(const std::string& body, const std::string& attributes = "") {
-    return top("antivirus", "urn:tavrik:params:xml:ns:yang:tavrik-antivirus", body, attributes);
+inline std::string nacm(const std::string& body) {
+    return av(body, "", "nacm", "urn:ietf:params:xml:ns:yang:ietf-netconf-acm");
 }
-inline std::string nacm(const std::string& body) { return top("nacm", "urn:ietf:params:xml:ns:yang:ietf-netconf-acm", body); }
 inline std::string group(const std::string& name, const std::string& user, const std::string& attributes = "") {
     return leaf("groups", leaf("group", leaf("name", name) + (user.empty() ? "" : leaf("user-name", user)), attributes));
 }
@@ -62,76 +54,61 @@ inline std::string profile(const std::string& name, const std::string& body, con
 inline std::string p1(const std::string& body) { return av(vsys("vs1", profile("p1", body))); }
 inline std::string desc(const std::string& text) { return leaf("description", text); }
 
-inline std::string brief(const std::string& vsys, const std::string& view, const std::optional<std::string>& tmpl,
-                         unsigned cmd_op, const std::string& line) {
-    return vsys + "/" + view + (tmpl ? "(" + *tmpl + ")" : "") + (cmd_op == 1 ? " del: " : " add: ") + line;
+// Lines the engine reports sent, and what the runtime's recording platform
+// received (a message a line), in the compact form.
+template <class Line>
+std::string brief(const Line& l, unsigned cmd_op) {
+    return l.vsys + "/" + l.view + (l.view_template ? "(" + *l.view_template + ")" : "") +
+           (cmd_op == 1 ? " del: " : " add: ") + l.line;
 }
-inline std::vector<std::string> brief(const std::vector<tavrik::engine::SentLine>& lines) {
+inline std::vector<std::string> brief(const std::vector<SentLine>& lines) {
     std::vector<std::string> out;
-    for (const auto& l : lines) out.push_back(brief(l.vsys, l.view, l.view_template, l.cmd_op, l.line));
+    for (const auto& l : lines) out.push_back(brief(l, l.cmd_op));
     return out;
 }
-// What the runtime's recording platform received, a message a line.
 inline std::vector<std::string> delivered() {
     std::vector<std::string> out;
     for (const auto& d : tavrik::runtime::default_platform().deliveries)
-        for (const auto& l : d.lines) out.push_back(brief(l.vsys, l.view, l.view_template, d.cmd_op, l.line));
+        for (const auto& l : d.lines) out.push_back(brief(l, d.cmd_op));
     return out;
 }
-// The topmost changes an edit reports.
-inline std::vector<std::pair<ChangeKind, std::string>> listed(const EditResult& result) {
-    std::vector<std::pair<ChangeKind, std::string>> out;
-    for (const auto& c : result.changes) out.emplace_back(c.kind, c.path);
-    return out;
-}
+// Parameterised tests take their cases' names.
+inline const auto by_name = [](const auto& info) { return std::string(info.param.name); };
 // A check that refuses every edit.
-inline std::optional<RpcError> deny(const ChangeView&) {
-    return RpcError(tavrik::engine::ErrorType::Protocol, ErrorTag::AccessDenied, "no");
-}
+inline std::optional<RpcError> deny(const ChangeView&) { return RpcError(ErrorType::Protocol, ErrorTag::AccessDenied, "no"); }
+
+// Cases of parameterised tests print as their names (in this file's
+// unnamed namespace, where the tests keep their cases).
+namespace {
+template <class Case>
+auto operator<<(std::ostream& out, const Case& c) -> decltype(out << c.name) { return out << c.name; }
+}  // namespace
 
 class EngineTest : public ::testing::Test {
 protected:
     void SetUp() override { tavrik::runtime::reset(); }
     void TearDown() override { engine_.reset(), tavrik::runtime::reset(); }
     // A fresh engine whose running configuration is `running`, serving the
-    // data modules named beside the model; the platform has received
-    // nothing yet.
-    Engine& start(const std::string& running = "", const std::vector<std::string>& data_modules = {}) {
+    // data modules named beside the model; `with_appliance`: the appliance
+    // starts from the same configuration. The platform has received nothing.
+    Engine& start(const std::string& running = "", const std::vector<std::string>& data_modules = {},
+                  bool with_appliance = false) {
+        if (with_appliance)
+            appliance = tavrik::appliance::Appliance(tavrik::appliance::parse_configuration(running)),
+            tavrik::runtime::set_platform(&appliance);
         engine_ = std::make_unique<Engine>(
-            tavrik::engine::EngineOptions{TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, running, nullptr, data_modules});
+            EngineOptions{TAVRIK_MODULE_PATH, TAVRIK_YANG_DIR, running, nullptr, data_modules});
+        if (with_appliance) engine_->set_vsys_feature(&appliance);
         tavrik::runtime::default_platform().deliveries.clear();
         return *engine_;
     }
-    Engine& engine() { return *engine_; }
     EditResult edit(const std::string& xml, const EditOptions& options = {}) { return edit_text(*engine_, xml, options); }
     // The running configuration to the byte, implicit nodes included.
     std::string running() { return print_all(engine_->running_tree()); }
+    tavrik::appliance::Appliance appliance;  // outlives the engine
 
 private:
     std::unique_ptr<Engine> engine_;
-};
-
-// The engine with the simulated appliance behind the channel, both starting
-// from the same running configuration.
-class ApplianceTest : public EngineTest {
-protected:
-    Engine& start_with_appliance(const std::string& running, const std::vector<std::string>& data_modules = {}) {
-        appliance = tavrik::appliance::Appliance(tavrik::appliance::parse_configuration(running));
-        tavrik::runtime::set_platform(&appliance);
-        Engine& engine = start(running, data_modules);
-        engine.set_vsys_feature(&appliance);
-        return engine;
-    }
-    // What the appliance holds against the model's part of the engine's
-    // running configuration; empty when they agree.
-    std::vector<std::string> appliance_differences() {
-        const std::string xml = engine().running_xml();
-        const size_t from = std::min(xml.find("<antivirus"), xml.size()), to = xml.find("</antivirus>");
-        return tavrik::appliance::differences(tavrik::appliance::parse_configuration(xml.substr(from, to + 12 - from)),
-                                              appliance.configuration());
-    }
-
-    tavrik::appliance::Appliance appliance;  // outlives the engine (TearDown)
 };
 
 }  // namespace tktest

@@ -2,6 +2,8 @@
 // it (the engine's loader, tavrik/module.hpp), and its symbols by name.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 
 #include "tavrik/module.hpp"
@@ -16,10 +18,11 @@ const tavrik::engine::Module& module();
 // The symbol `name`, or null when the module does not export it.
 inline void* symbol(const char* name) { return module().symbol(name); }
 // The symbol `name`; the running test fails when the module does not export it.
-void* required(const char* name);
 template <class T>
 T exported(const char* name) {
-    return reinterpret_cast<T>(required(name));
+    void* p = symbol(name);
+    EXPECT_NE(p, nullptr) << name << " is not exported";
+    return reinterpret_cast<T>(p);
 }
 inline Callback callback(const char* name) { return exported<Callback>(name); }
 // The name the module exports at `address`, or "" when there is none.

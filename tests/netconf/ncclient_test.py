@@ -447,17 +447,40 @@ class NcclientTest(DaemonTestCase):
             with self.assertRaises(Exception):
                 self.daemon.connect(**credentials)
 
-    def test_yangcli_edits_the_candidate_and_commits(self):
-        """yangcli, a client this project does not control, runs the example script."""
-        script = os.path.join(EXAMPLES, "client", "candidate-commit.yangcli")
-        run = subprocess.run(["yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}",
-                              "--user=admin", "--password=s3cret", "--run-script=" + script],
-                             capture_output=True, text=True, timeout=SLOW * 60, stdin=subprocess.DEVNULL,
-                             env={**os.environ, "HOME": tempfile.mkdtemp(dir=self.daemon.dir)})
-        self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
-        self.assertNotIn("rpc-error", run.stdout)
+    def test_yangcli_and_the_example_clients(self):
+        """yangcli, a client this project does not control, runs the example script; then the example clients."""
+        client, login = os.path.join(EXAMPLES, "client"), ["--port", str(self.daemon.port), "--password", "s3cret"]
+        for command, shown in (
+                (["yangcli", "--batch-mode", "--server=127.0.0.1", f"--ncport={self.daemon.port}", "--user=admin",
+                  "--password=s3cret", "--run-script=" + os.path.join(client, "candidate-commit.yangcli")], "commit"),
+                ([sys.executable, os.path.join(client, "create-profile.py"), *login, "--profile", "ex"],
+                 "add    profile type av name ex"),
+                ([sys.executable, os.path.join(client, "staged-commit.py"), *login, "--confirm-timeout", str(2 * SLOW)],
+                 "the daemon restored the configuration")):
+            run = subprocess.run(command, capture_output=True, text=True, timeout=SLOW * 60, stdin=subprocess.DEVNULL,
+                                 env={**os.environ, "HOME": tempfile.mkdtemp(dir=self.daemon.dir)})
+            self.assertEqual(run.returncode, 0, run.stdout + run.stderr)
+            self.assertNotIn("rpc-error", run.stdout)
+            self.assertIn(shown, run.stdout)
         for configuration in (self.running(), self.appliance_configuration()):
-            self.assertEqual(texts(configuration, "description"), ["staged by yangcli"])
+            self.assertEqual(sorted(texts(configuration, "description")),
+                             ["confirmed change", "created by the example client", "staged by yangcli"])
+
+    def test_a_stdio_session_is_relayed_to_the_running_daemon(self):
+        edit = described("over stdio")
+        messages = [f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.0'
+                    "</capability></capabilities></hello>",
+                    f'<rpc message-id="1" xmlns="{NC_NS}"><edit-config><target><running/></target>{edit}'
+                    "</edit-config></rpc>", f'<rpc message-id="2" xmlns="{NC_NS}"><close-session/></rpc>']
+        relay = subprocess.Popen([OPTIONS.daemon, "--config", os.path.join(self.daemon.dir, "daemon.conf"), "--stdio"],
+                                 stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        relay.stdin.write("]]>]]>".join(messages) + "]]>]]>")
+        relay.stdin.flush()  # open until the daemon ends the session
+        out = relay.stdout.read()
+        relay.stdin.close()
+        self.assertEqual(relay.wait(timeout=SLOW * 30), 0)
+        self.assertEqual(out.count("<ok/>"), 2, out)
+        self.assertEqual(self.description(), ["over stdio"])
 
     def test_the_candidate_stages_edits_until_they_are_committed(self):
         self.m.edit_config(target="running", config=described("one"))

@@ -98,15 +98,11 @@ Generator::Generator(const ly_ctx* ctx, std::uint64_t seed, double invalid_rate)
 
 std::set<std::string> Generator::model_leaves(const ly_ctx* ctx) {
     std::set<std::string> out;
-    const lys_module* module = ly_ctx_get_module_implemented(ctx, "tavrik-antivirus");
-    auto walk = [&](auto& self, const lysc_node* s) -> void {
-        for (; s != nullptr; s = s->next) {
-            if (!is_config(s)) continue;
-            if (is_value(s)) out.insert(schema_path(s));
-            else self(self, lysc_node_child(s));
-        }
+    auto add = [](lysc_node* s, void* leaves, ly_bool*) {
+        if (is_config(s) && is_value(s)) static_cast<std::set<std::string>*>(leaves)->insert(schema_path(s));
+        return LY_SUCCESS;
     };
-    walk(walk, module->compiled->data);
+    lysc_module_dfs_full(ly_ctx_get_module_implemented(ctx, "tavrik-antivirus"), add, &out);
     return out;
 }
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Writes the reviewed dumps anew after a deliberate change: the module's
-# callback table (tests/module/callback_table.golden: row, priority, exported
+# descriptors and callback table (tests/module/callback_table.golden: the exported
+# numbers, namespaces and data store functions, then row, priority, exported
 # function, path) and the appliance's documents and saved file of its rich test state
 # (tests/appliance/cases/documents.golden). Review the diff and commit it with
 # the change.

@@ -25,19 +25,16 @@ const Node* child(const Node& n, std::string_view name) {
     return nullptr;
 }
 
-std::string text_of(const Node& n, std::string_view name) {
-    const Node* c = child(n, name);
-    return c ? c->value : std::string();
-}
+std::string text_of(const Node& n, std::string_view name) { return child(n, name) ? child(n, name)->value : ""; }
 
+using tavrik::appliance::detail::protocol_keyword;
 using tavrik::appliance::detail::trim;
-std::string keyword(const std::string& text) { return tavrik::appliance::detail::protocol_keyword(text); }
 
 bool mail(const std::string& protocol) { return protocol == "smtp" || protocol == "pop3"; }
 
 std::string protocol_of(const Chain& chain) {
     for (auto it = chain.rbegin(); it != chain.rend(); ++it)
-        if (name_of(**it) == "detect") return keyword(text_of(**it, "protocol-type"));
+        if (name_of(**it) == "detect") return protocol_keyword(text_of(**it, "protocol-type"));
     return {};
 }
 
@@ -49,7 +46,7 @@ std::string identity(const Node& n) {
     if (n.schema->nodetype == LYS_LEAFLIST)
         return (name == "exception-signature-id" ? "signature" : name) + " " + trim(n.value);
     if (name == "vsys") return "vsys " + text_of(n, "name");
-    if (name == "detect") return "detect " + keyword(text_of(n, "protocol-type"));
+    if (name == "detect") return "detect " + protocol_keyword(text_of(n, "protocol-type"));
     if (name == "exception-signature") return "signature " + trim(text_of(n, "id"));
     if (name == "match-rule") return "rule " + text_of(n, "scope") + " " + trim(text_of(n, "value"));
     std::string id = name;
@@ -101,80 +98,87 @@ Generator::Generator(const ly_ctx* ctx, std::uint64_t seed, double invalid_rate)
 
 std::set<std::string> Generator::model_leaves(const ly_ctx* ctx) {
     std::set<std::string> out;
-    const lys_module* module = ly_ctx_get_module_implemented(ctx, "tavrik-antivirus");
-    auto walk = [&](auto& self, const lysc_node* s) -> void {
-        for (; s != nullptr; s = s->next) {
-            if (!is_config(s)) continue;
-            if (is_value(s)) out.insert(schema_path(s));
-            else self(self, lysc_node_child(s));
-        }
+    auto add = [](lysc_node* s, void* leaves, ly_bool*) {
+        if (is_config(s) && is_value(s)) static_cast<std::set<std::string>*>(leaves)->insert(schema_path(s));
+        return LY_SUCCESS;
     };
-    walk(walk, module->compiled->data);
+    lysc_module_dfs_full(ly_ctx_get_module_implemented(ctx, "tavrik-antivirus"), add, &out);
     return out;
+}
+
+namespace {
+
+// Plausible values of a leaf by name (a leading '*' matches the end of the
+// name) under a parent ("" for any): the valid ones, the invalid ones (""
+// for none; see one_of), and whether a valid one gets blanks around it now
+// and then. The first row that matches is used.
+struct LeafKind { std::string_view leaf, parent, valid, invalid; bool pad; };
+const LeafKind kLeafKinds[] = {
+    {"name", "vsys", "vs1|vs2|vs3|public", "vs 4", false},
+    {"antivirus-enable", "", "true|false", "True", false},
+    {"name", "profile", "p1|p2|web|av one|mail\tscan", "default|bad?", true},
+    {"description", "", "Office|  spaced  text |mail & web <all>|x", "why?", false},
+    {"*-enable", "", "true|false", "yes", true},
+    {"protocol-type", "", "http|ftp|smtp|pop3|imap|nfs|smb", "telnet|HTTP", true},  // with a prefix now and then
+    {"application-action", "", "alert|allow|block", "Block", false},
+    {"exception-signature-id", "", "#1-400", "abc", true},
+    {"id", "exception-signature", "#1-400", "abc", true},
+    {"action", "exception-signature", "allow|block-source-ip", "deny", false},
+    {"timeout", "", "#1-600", "0", false},
+    {"scope", "", "url|host", "URL", false},
+    {"type", "", "exact", "", false},  // made to agree with the value when the rule is made
+    {"value", "", "www.example.com|*.example.org|example.net/*|*cdn*|a b.com/*|x?y.com|q\"x.com|*", "", true},
+    {"*-address", "", "10.0.0.#1-40|10.0.0.#1-40|2001:db8::#1-40", "not-an-ip", false},
+    {"file-reputation-age-time", "", "#1-365", "0", false},
+    {"file-reputation-age-time-hour", "", "#1-8760", "9000", false},
+};
+
+}  // namespace
+
+std::string Generator::one_of(std::string_view options) {
+    std::vector<std::string_view> all;
+    for (std::size_t start = 0, end = 0; end != options.size(); start = end + 1)
+        all.push_back(options.substr(start, (end = std::min(options.find('|', start), options.size())) - start));
+    const std::string v(all[pick(all.size())]);
+    const std::size_t at = v.find('#');
+    if (at == std::string::npos) return v;
+    std::uniform_int_distribution<int> number(std::stoi(v.substr(at + 1)), std::stoi(v.substr(v.find('-', at) + 1)));
+    return v.substr(0, at) + std::to_string(number(rng_));
 }
 
 std::string Generator::value(const lysc_node* leaf, const Chain& chain) {
     coverage_.insert(schema_path(leaf));
-    const std::string name = leaf->name;
-    const std::string parent = chain.empty() ? "" : name_of(*chain.back());
+    const std::string name = leaf->name, parent = chain.empty() ? "" : name_of(*chain.back());
     const bool bad = chance(invalid_rate_);
     auto pad = [this](std::string v) { return chance(0.15) ? "  " + v + " " : v; };
-    auto number = [this](int low, int high) { return std::to_string(std::uniform_int_distribution<int>(low, high)(rng_)); };
-    using V = std::vector<std::string>;
-
-    if (name == "name" && parent == "vsys") return bad ? "vs 4" : one_of(V{"vs1", "vs2", "vs3", "public"});
-    if (name == "antivirus-enable") return bad ? "True" : one_of(V{"true", "false"});
-    if (name == "name" && parent == "profile")
-        return bad ? one_of(V{"default", "bad?"}) : pad(one_of(V{"p1", "p2", "web", "av one", "mail\tscan"}));
-    if (name == "description") return bad ? "why?" : one_of(V{"Office", "  spaced  text ", "mail & web <all>", "x"});
-    if (name.ends_with("-enable")) return bad ? "yes" : pad(one_of(V{"true", "false"}));
-    if (name == "protocol-type") {
-        if (bad) return one_of(V{"telnet", "HTTP"});
-        return pad((chance(0.2) ? "tk-antivirus:" : "") + one_of(V{"http", "ftp", "smtp", "pop3", "imap", "nfs", "smb"}));
-    }
-    if (parent == "detect-configuration") {
+    if (parent == "detect-configuration") {  // what the protocol admits
         const std::string protocol = protocol_of(chain);
-        if (name == "direction") {
-            if (bad) return "sideways";
-            if (chance(0.15)) return "none";
-            if (protocol == "smtp") return "upload";
-            if (protocol == "pop3") return "download";
-            return pad(one_of(V{"both", "upload", "download"}));
-        }
-        if (bad) return "deny";
-        if (mail(protocol)) return one_of(V{"alert", "declare", "delete-attachment"});
-        return protocol == "nfs" ? "alert" : one_of(V{"alert", "block"});
+        if (name == "direction" && (bad || chance(0.15))) return bad ? "sideways" : "none";
+        if (name == "direction" && mail(protocol)) return protocol == "smtp" ? "upload" : "download";
+        if (name == "direction") return pad(one_of("both|upload|download"));
+        return bad ? "deny" : one_of(mail(protocol) ? "alert|declare|delete-attachment" : protocol == "nfs" ? "alert" : "alert|block");
     }
     if (name == "application-name") {
         const auto& apps = tavrik::appliance::application_catalogue();
         return bad ? "nosuch" : pad(std::string(apps[pick(apps.size())]));
     }
-    if (name == "application-action") return bad ? "Block" : one_of(V{"alert", "allow", "block"});
-    if (name == "exception-signature-id" || (name == "id" && parent == "exception-signature"))
-        return bad ? "abc" : pad(number(1, 400));
-    if (parent == "exception-signature" && name == "action") return bad ? "deny" : one_of(V{"allow", "block-source-ip"});
-    if (name == "timeout") return bad ? "0" : number(1, 600);
-    if (name == "scope") return bad ? "URL" : one_of(V{"url", "host"});
-    if (name == "type") return "exact";  // made to agree with the value when the rule is made
-    if (name == "value")
-        return pad(one_of(V{"www.example.com", "*.example.org", "example.net/*", "*cdn*", "a b.com/*", "x?y.com",
-                            "q\"x.com", "*"}));
-    if (name == "source-address" || name == "destination-address" || name == "start-address" ||
-        name == "end-address") {
-        if (bad) return "not-an-ip";
-        return chance(0.7) ? "10.0.0." + number(1, 40) : "2001:db8::" + number(1, 40);
+    for (const LeafKind& k : kLeafKinds) {
+        if (!(k.leaf[0] == '*' ? name.ends_with(k.leaf.substr(1)) : name == k.leaf) || !(k.parent.empty() || k.parent == parent))
+            continue;
+        if (bad && !k.invalid.empty()) return one_of(k.invalid);
+        const std::string v = (name == "protocol-type" && chance(0.2) ? "tk-antivirus:" : "") + one_of(k.valid);
+        return k.pad ? pad(v) : v;
     }
-    if (name == "file-reputation-age-time") return bad ? "0" : number(1, 365);
-    if (name == "file-reputation-age-time-hour") return bad ? "9000" : number(1, 8760);
     throw std::logic_error("the generator has no values for the leaf " + schema_path(leaf));
 }
 
+bool Generator::unwanted_timeout(const lysc_node* s, const Node& parent, double keep) {
+    return std::string_view(s->name) == "timeout" && text_of(parent, "action") != "block-source-ip" && !chance(keep);
+}
+
 Node Generator::make(const lysc_node* schema, Chain chain, int depth) {
+    if (is_value(schema)) return {schema, value(schema, chain), {}};
     Node n{schema, {}, {}};
-    if (is_value(schema)) {
-        n.value = value(schema, chain);
-        return n;
-    }
     chain.push_back(&n);
     for (const lysc_node* s = lysc_node_child(schema); s != nullptr; s = s->next)
         if (is_key(s)) n.children.push_back(make(s, chain, depth + 1));
@@ -196,7 +200,7 @@ Node Generator::make(const lysc_node* schema, Chain chain, int depth) {
     const double p = depth < 3 ? 0.7 : 0.45;
     for (const lysc_node* s = lysc_node_child(schema); s != nullptr; s = s->next) {
         if (!is_config(s) || is_key(s) || !chance(p)) continue;
-        if (std::string_view(s->name) == "timeout" && text_of(n, "action") != "block-source-ip" && !chance(0.1)) continue;
+        if (unwanted_timeout(s, n, 0.1)) continue;
         for (std::size_t i = is_entry(s) ? pick(2) : 1; i < 2; ++i) {  // lists: one or two entries
             Node c = make(s, chain, depth + 1);
             if (!has_twin(n.children, c)) n.children.push_back(std::move(c));
@@ -208,12 +212,7 @@ Node Generator::make(const lysc_node* schema, Chain chain, int depth) {
 // Adds a node where the model has room for one (r < 0.5), changes a leaf
 // (r < 0.75) or removes a node.
 bool Generator::mutate(double r) {
-    struct Site {
-        Node* parent;
-        std::size_t index;
-        const lysc_node* schema;
-        Chain chain;  // up to the parent
-    };
+    struct Site { Node* parent; std::size_t index; const lysc_node* schema; Chain chain; };  // chain: up to the parent
     std::vector<Site> sites;
     Chain chain;
     auto walk = [&](auto& self, Node& n) -> void {
@@ -238,7 +237,7 @@ bool Generator::mutate(double r) {
     else {
         Node made = make(site.schema, site.chain, static_cast<int>(site.chain.size()));
         if (has_twin(siblings, made)) return false;
-        if (name_of(made) == "timeout" && text_of(*site.parent, "action") != "block-source-ip" && !chance(0.2)) return false;
+        if (unwanted_timeout(made.schema, *site.parent, 0.2)) return false;
         siblings.push_back(std::move(made));
     }
     return true;
@@ -247,9 +246,8 @@ bool Generator::mutate(double r) {
 namespace {
 
 const Node* counterpart(const Node& b, const Node& after) {
-    const bool entry = (b.schema->nodetype & (LYS_LIST | LYS_LEAFLIST)) != 0;
     for (const auto& a : after.children)
-        if (a.schema == b.schema && (!entry || identity(a) == identity(b))) return &a;
+        if (a.schema == b.schema && (!is_entry(b.schema) || identity(a) == identity(b))) return &a;
     return nullptr;
 }
 
@@ -263,17 +261,14 @@ bool carried(const Node& before, const Node& after, Chain& chain) {
         const std::string name = name_of(b);
         const Node* a = counterpart(b, after);
         const bool mail_config = name == "detect-configuration" && mail(protocol_of(chain)) && child(b, "direction");
-        if (a == nullptr) {
-            if (mail_config) return false;
-            continue;
-        }
+        if (a == nullptr && mail_config) return false;
+        if (a == nullptr) continue;
         auto loses = [&](std::string_view leaf) { return child(b, leaf) && !child(*a, leaf); };
         if (name == "exception-application" && loses("application-action")) return false;
         if (mail_config && loses("direction")) return false;
-        chain.push_back(&b);
-        const bool ok = carried(b, *a, chain);
-        chain.pop_back();
-        if (!ok) return false;
+        Chain inner = chain;
+        inner.push_back(&b);
+        if (!carried(b, *a, inner)) return false;
     }
     return true;
 }

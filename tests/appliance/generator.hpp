@@ -14,6 +14,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 struct ly_ctx;
@@ -47,10 +48,12 @@ private:
     bool mutate(double r);
     Node make(const lysc_node* schema, Chain chain, int depth);
     std::string value(const lysc_node* leaf, const Chain& chain);
+    // A timeout without the action it belongs to, but for a fraction `keep`.
+    bool unwanted_timeout(const lysc_node* s, const Node& parent, double keep);
     bool chance(double p) { return std::bernoulli_distribution(p)(rng_); }
     std::size_t pick(std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(rng_); }
-    template <typename T>
-    const T& one_of(const std::vector<T>& options) { return options[pick(options.size())]; }
+    // One of the options between '|'; "#low-high" in it stands for a number.
+    std::string one_of(std::string_view options);
 
     std::mt19937_64 rng_;
     double invalid_rate_;

@@ -21,9 +21,19 @@ using tavrik::engine::DefaultOperation;
 using tavrik::engine::EditResult;
 constexpr int kInjected = 799;
 
-class WithEngine : public testing::Test {
+// Seeds times steps edits; a long sweep by hand: ROUNDTRIP_SEEDS=500
+// ROUNDTRIP_STEPS=60 in the environment.
+int from_environment(const char* name, int fallback) {
+    const char* text = std::getenv(name);
+    return text && std::atoi(text) > 0 ? std::atoi(text) : fallback;
+}
+const int kSeeds = from_environment("ROUNDTRIP_SEEDS", 16);
+const int kSteps = from_environment("ROUNDTRIP_STEPS", 40);
+
+// Each generated configuration replaces the running one whole, or is reached
+// by an edit of what differs (applied in place).
+class Generated : public testing::TestWithParam<bool> {
 protected:
-    void SetUp() override { start(); }
     void TearDown() override {
         engine.reset();
         rt::reset();
@@ -40,8 +50,8 @@ protected:
     // by node (in place): libyang's diff of the running configuration and
     // `config`, its operations made NETCONF operations (create, delete, merge
     // for a changed value), with the default operation none.
-    EditResult apply(const std::string& config, bool in_place, bool dry_run = false) {
-        if (!in_place) return tktest::edit_text(*engine, config, {DefaultOperation::Replace, false, dry_run});
+    EditResult apply(const std::string& config, bool dry_run = false) {
+        if (!GetParam()) return tktest::edit_text(*engine, config, {DefaultOperation::Replace, false, dry_run});
         tavrik::engine::ParsedXml target = engine->parse(config);
         lyd_node* diff = nullptr;
         if (target.error || lyd_diff_siblings(engine->running_tree(), target.tree.get(), 0, &diff) != LY_SUCCESS)
@@ -65,8 +75,8 @@ protected:
     // Arms a failed send or the refusal of the nth line, for an edit whose
     // lines the appliance would all accept (so that the fault never meets the
     // lines that restore the appliance after a refusal of its own).
-    bool inject(const std::string& config, bool in_place, unsigned nth) {
-        const EditResult dry = apply(config, in_place, true);
+    bool inject(const std::string& config, unsigned nth) {
+        const EditResult dry = apply(config, true);
         av::Appliance copy = *appliance;
         for (const auto& l : dry.lines)
             if (copy.deliver({{l.vsys, l.view, l.view_template, l.line}}, l.cmd_op) != av::kAccepted) return false;
@@ -102,19 +112,6 @@ protected:
     std::unique_ptr<tavrik::engine::Engine> engine;
 };
 
-// Seeds times steps edits; a long sweep by hand: ROUNDTRIP_SEEDS=500
-// ROUNDTRIP_STEPS=60 in the environment.
-int from_environment(const char* name, int fallback) {
-    const char* text = std::getenv(name);
-    return text && std::atoi(text) > 0 ? std::atoi(text) : fallback;
-}
-const int kSeeds = from_environment("ROUNDTRIP_SEEDS", 16);
-const int kSteps = from_environment("ROUNDTRIP_STEPS", 40);
-
-// Each generated configuration replaces the running one whole, or is reached
-// by an edit of what differs (applied in place).
-class Generated : public WithEngine, public testing::WithParamInterface<bool> {};
-
 TEST_P(Generated, EditsReadBackAsTheRunningConfiguration) {
     int accepted = 0, refused = 0, by_appliance = 0, injected = 0;
     std::set<std::string> covered;
@@ -127,8 +124,8 @@ TEST_P(Generated, EditsReadBackAsTheRunningConfiguration) {
             const av::Configuration appliance_before = appliance->configuration();
             // One edit in five meets a failed send or a refusal of its first to fourth line.
             const unsigned fault = faults() % 25;
-            const bool armed = fault < 5 && inject(target, GetParam(), fault);
-            const EditResult result = apply(target, GetParam());
+            const bool armed = fault < 5 && inject(target, fault);
+            const EditResult result = apply(target);
             std::string sent = result.ok ? "" : result.error->message;
             for (const auto& l : result.lines) sent += "\n  " + std::to_string(l.cmd_op) + " " + l.view + ": " + l.line;
             SCOPED_TRACE("seed " + std::to_string(seed) + " step " + std::to_string(step) + "\nrunning before: " +

@@ -12,6 +12,9 @@ namespace {
 const NC_DATASTORE kTargets[] = {NC_DATASTORE_RUNNING, NC_DATASTORE_STARTUP, NC_DATASTORE_CANDIDATE,
                                  static_cast<NC_DATASTORE>(7)};
 std::string column(const Case& c, size_t i) { return c.columns.at(i) == "-" ? "-" : decode(c.columns[i]); }
+tavrik::runtime::DocumentReply reply(const Case& c) {
+    return {std::stoi(c.columns[0]), c.columns[1] == "yes", decode(c.columns[2])};
+}
 
 class Datastore : public ModuleTest {
 protected:
@@ -19,19 +22,13 @@ protected:
         g_product_name_for_dp = nullptr;
         ModuleTest::TearDown();
     }
-    static std::vector<CaseSection> table() {
-        return readCases(std::string(TKTEST_CASES_DIR) + "/datastore.cases", "read");
-    }
     // Publishes the device model name as the server does ("-": none).
     void setModel(const std::string& column) {
         model_ = decode(column);
         g_product_name_for_dp = column == "-" ? nullptr : model_.data();
     }
     static auto& platform() { return tavrik::runtime::default_platform(); }
-    static tavrik::runtime::DocumentReply reply(const Case& c) {
-        return {std::stoi(c.columns[0]), c.columns[1] == "yes", decode(c.columns[2])};
-    }
-    // The state document without its XML declaration, or "-".
+    // The state document after its XML declaration, or "-".
     std::string readState(xmlDocPtr model = nullptr, xmlDocPtr running = nullptr) {
         xmlDocPtr doc =
             exported<xmlDocPtr (*)(xmlDocPtr, xmlDocPtr, nc_err**)>("get_state_data")(model, running, &error_);
@@ -42,8 +39,9 @@ protected:
         std::string s(reinterpret_cast<const char*>(text), static_cast<size_t>(size));
         xmlFree(text);
         xmlFreeDoc(doc);
-        EXPECT_EQ(s.rfind("<?xml version=\"1.0\"?>\n", 0), 0u) << s;
-        return std::regex_replace(s, std::regex("^<\\?xml version=\"1.0\"\\?>\n|\n$"), "");
+        const std::string declaration = "<?xml version=\"1.0\"?>\n";
+        EXPECT_EQ(s.rfind(declaration, 0), 0u) << s;
+        return s.substr(declaration.size(), s.size() - declaration.size() - 1);
     }
     std::string readConfig(NC_DATASTORE target = NC_DATASTORE_RUNNING) {
         char* text = exported<char* (*)(void*, NC_DATASTORE, nc_err**)>("perform_getconfig")(nullptr, target, &error_);
@@ -60,37 +58,38 @@ protected:
         EXPECT_TRUE(j.cached.empty() && j.refusals.empty() && j.clears == 0 && error_ == nullptr);
         for (const auto& send : j.sends) {
             expectHeader(send, msgType);
-            EXPECT_EQ(send.cmd_op, 0u);
-            EXPECT_EQ(send.origin, std::nullopt);
+            EXPECT_EQ(std::tie(send.cmd_op, send.origin), std::make_tuple(0u, std::optional<std::string>()));
         }
         tavrik::runtime::reset_journal();
+    }
+    // Each target's configuration text is `expected`, read with the traffic given.
+    void expectConfig(const std::string& expected, size_t sends, int releases) {
+        for (NC_DATASTORE target : kTargets) {
+            EXPECT_EQ(readConfig(target), expected);
+            expectTraffic(sends, releases, API_DP2QMX_GET_CONFIG);
+        }
     }
     std::string model_;
 };
 
-TEST_F(Datastore, ByDeviceModel) {
-    const CaseSection models = table().at(0);
-    platform().state_reply = {0, true, decode(models.cases[0].setting("state"))};
-    platform().config_reply = {0, true, decode(models.cases[0].setting("config"))};
+TEST_F(Datastore, AsTheTablesSay) {
+    const std::vector<CaseSection> tables = readCases(std::string(TKTEST_CASES_DIR) + "/datastore.cases", "read");
+    const CaseSection& models = tables.at(0);
     for (const Case& c : models.cases) {
         SCOPED_TRACE(c.where);
+        platform().state_reply = {0, true, decode(c.setting("state"))};
+        platform().config_reply = {0, true, decode(c.setting("config"))};
         setModel(c.columns[0]);
         const int enabled = std::stoi(c.columns[1]);
         EXPECT_EQ(exported<int (*)()>("av_func_enable")(), enabled);
         EXPECT_EQ(readState(), column(c, 2));
         expectTraffic(enabled, enabled, API_DP2QMX_NC_STATE);
-        for (NC_DATASTORE target : kTargets) {
-            EXPECT_EQ(readConfig(target), column(c, 3));
-            expectTraffic(enabled, enabled, API_DP2QMX_GET_CONFIG);
-        }
+        expectConfig(column(c, 3), enabled, enabled);
     }
     setModel("KX-11");
     model_[4] = '0';  // the server rewrites its text in place: read at every call
     EXPECT_EQ(exported<int (*)()>("av_func_enable")(), 1);
-}
-
-TEST_F(Datastore, StateDataAndRunningConfigurationFromEveryKindOfReply) {
-    const std::vector<CaseSection> tables = table();
+    setModel("-");
     for (const Case& c : tables.at(1).cases) {
         SCOPED_TRACE(c.where);
         platform().state_reply = reply(c);
@@ -100,10 +99,7 @@ TEST_F(Datastore, StateDataAndRunningConfigurationFromEveryKindOfReply) {
     for (const Case& c : tables.at(2).cases) {
         SCOPED_TRACE(c.where);
         platform().config_reply = reply(c);
-        for (NC_DATASTORE target : kTargets) {
-            EXPECT_EQ(readConfig(target), column(c, 3));
-            expectTraffic(1, std::stoi(c.columns[4]), API_DP2QMX_GET_CONFIG);
-        }
+        expectConfig(column(c, 3), 1, std::stoi(c.columns[4]));
     }
     platform().state_reply = {0, true, "<s/>"};
     Tree model("<module/>"), running("<antivirus/>");

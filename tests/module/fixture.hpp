@@ -34,6 +34,9 @@ struct Expected {
     std::string message{}, path{};        // Refused
     int tag = 0;                          // Refused
     int result = 0;                       // Quiet
+    static Expected refusal(int tag, std::string message, std::string path) {
+        return {Refused, {}, 0, {}, std::move(message), std::move(path), tag};
+    }
 };
 
 class ModuleTest : public ::testing::Test {

@@ -36,10 +36,8 @@ int parseOp(const std::string& text) {
 }
 
 int parseTag(const std::string& name) {
-    static const std::map<std::string, int> tags = {{"OP_FAILED", NC_ERR_OP_FAILED},
-                                                    {"MISSING_ELEM", NC_ERR_MISSING_ELEM},
-                                                    {"BAD_ELEM", NC_ERR_BAD_ELEM},
-                                                    {"UNKNOWN_ELEM", NC_ERR_UNKNOWN_ELEM}};
+    static const std::map<std::string, int> tags = {{"OP_FAILED", NC_ERR_OP_FAILED}, {"MISSING_ELEM", NC_ERR_MISSING_ELEM},
+                                                    {"BAD_ELEM", NC_ERR_BAD_ELEM}, {"UNKNOWN_ELEM", NC_ERR_UNKNOWN_ELEM}};
     return tags.at(name);
 }
 
@@ -87,10 +85,7 @@ HandlerCall parse(const Case& c) {
              kind == "add" ? 0u : 1u};
         if (view.size() > 3) e.origin = c.setting("path");
     } else if (kind == "refused") {
-        e = {Expected::Refused};
-        e.tag = parseTag(rest.substr(0, rest.find(' ')));
-        e.message = rest.substr(rest.find(' ') + 1);
-        e.path = c.setting("path");
+        e = Expected::refusal(parseTag(rest.substr(0, rest.find(' '))), rest.substr(rest.find(' ') + 1), c.setting("path"));
     } else {
         e = {kind == "dropped" ? Expected::Dropped : Expected::Quiet};
         e.result = kind == "quiet" ? std::stoi(rest) : 0;
@@ -99,12 +94,12 @@ HandlerCall parse(const Case& c) {
     return call;
 }
 
-std::vector<CaseSection> handlerSections() {
+// Every family's sections; `profileLevel`: only those of profile-level handlers.
+std::vector<CaseSection> handlerSections(bool profileLevel = false) {
     std::vector<CaseSection> all;
-    for (const char* family : {"vsys_profile", "settings", "detect", "exceptions", "whitelist", "aging"}) {
-        auto sections = readCases(std::string(TKTEST_CASES_DIR) + "/" + family + ".cases", "handler");
-        all.insert(all.end(), sections.begin(), sections.end());
-    }
+    for (const char* family : {"vsys_profile", "settings", "detect", "exceptions", "whitelist", "aging"})
+        for (CaseSection& s : readCases(std::string(TKTEST_CASES_DIR) + "/" + family + ".cases", "handler"))
+            if (!profileLevel || !s.cases.front().setting("screens").empty()) all.push_back(std::move(s));
     return all;
 }
 
@@ -144,13 +139,7 @@ TEST_P(ProfileFrame, KeysScreeningViewAndVerdict) {
     ASSERT_EQ(call.expected.kind, Expected::Sent);
     const std::vector<std::string> screened = words(first.setting("screens"));
     const Expected sent = call.expected;
-    auto refused = [&](const char* message, int tag) {
-        Expected e{Expected::Refused};
-        e.message = message;
-        e.path = first.setting("path");
-        e.tag = tag;
-        return e;
-    };
+    auto refused = [&](const char* message, int tag) { return Expected::refusal(tag, message, first.setting("path")); };
 
     // A removed ancestor ends the call before any key or value is read.
     HandlerCall blank = call;
@@ -193,13 +182,8 @@ TEST_P(ProfileFrame, KeysScreeningViewAndVerdict) {
 std::string title(const ::testing::TestParamInfo<CaseSection>& info) {
     return info.param.title.substr(sizeof "callback_AV_" - 1);
 }
-std::vector<CaseSection> profileSections() {
-    std::vector<CaseSection> sections = handlerSections();
-    std::erase_if(sections, [](const CaseSection& s) { return s.cases.front().setting("screens").empty(); });
-    return sections;
-}
 INSTANTIATE_TEST_SUITE_P(, Handler, ::testing::ValuesIn(handlerSections()), title);
-INSTANTIATE_TEST_SUITE_P(, ProfileFrame, ::testing::ValuesIn(profileSections()), title);
+INSTANTIATE_TEST_SUITE_P(, ProfileFrame, ::testing::ValuesIn(handlerSections(true)), title);
 
 }  // namespace
 }  // namespace tktest

@@ -1,4 +1,4 @@
-// The exported descriptors, and the rows of the callback table by kind: a
+// The rows of the callback table by kind: a
 // wrapper lets its half of the operations through to its change handler, an
 // accept-and-do-nothing row touches nothing. Rows, paths, names and
 // priorities are pinned by callback_table.golden.
@@ -12,23 +12,9 @@ const T& descriptor(const char* name) {
     return *exported<const T*>(name);
 }
 
-TEST(Descriptors, AsTheServerReadsThem) {
-    EXPECT_EQ(descriptor<int>("transapi_version"), 4);
-    EXPECT_EQ(descriptor<int>("callbacks_order"), TRANSAPI_CLBCKS_ROOT_TO_LEAF);
-    EXPECT_EQ(descriptor<int>("config_modified"), 0);
-    EXPECT_EQ(descriptor<int>("erropt"), NC_EDIT_ERROPT_NOTSET);
-    EXPECT_EQ(descriptor<transapi_rpc_callbacks>("rpc_clbks").callbacks_count, 0);
-    const ns_pair* ns = &descriptor<ns_pair>("namespace_mapping");
-    EXPECT_STREQ(ns[0].prefix, "tk-antivirus");
-    EXPECT_STREQ(ns[0].href, "urn:tavrik:params:xml:ns:yang:tavrik-antivirus");
-    EXPECT_EQ(ns[1].prefix, nullptr);
-    EXPECT_EQ(ns[1].href, nullptr);
-    const ncds_custom_funcs expected = {custom_init,       custom_free,         custom_changed,   custom_rollback,
-                                        custom_lock,       custom_unlock,       nullptr,          custom_getconfig,
-                                        custom_copyconfig, custom_deleteconfig, custom_editconfig};
-    const auto* members = reinterpret_cast<const void* const*>(&descriptor<ncds_custom_funcs>("custom_funcs"));
-    for (size_t i = 0; i < sizeof expected / sizeof(void*); ++i)
-        EXPECT_EQ(members[i], reinterpret_cast<const void* const*>(&expected)[i]) << "custom_funcs member " << i;
+// The descriptors are pinned by callback_table.golden; the init leaves the
+// running document as it is.
+TEST(Descriptors, InitLeavesTheRunningDocument) {
     xmlDoc doc{};
     xmlDocPtr running = &doc;
     EXPECT_EQ(exported<int (*)(xmlDocPtr*)>("transapi_init")(&running), 0);

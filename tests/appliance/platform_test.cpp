@@ -1,4 +1,4 @@
-// The appliance as a platform: messages all or nothing, faults, references,
+// The appliance as a platform: messages all or nothing, references,
 // removing vsys. (The round trip injects failed sends and refused lines into edits.)
 #include <gtest/gtest.h>
 
@@ -24,41 +24,6 @@ TEST(AppliancePlatform, MessagesAreAllOrNothing) {
     EXPECT_EQ(a.deliver({description, at("profile", "heuristic-detect enable").line}, CMD_ADD), av::kAccepted);
     EXPECT_EQ(a.lines_executed(), 3u);
     EXPECT_THROW(a.refuse_line(0), std::invalid_argument);
-    EXPECT_THROW(a.fault_document(4, av::DocumentFault::Empty), std::invalid_argument);
-
-    a.fail_send();
-    a.refuse_line(1);
-    a.fail_vsys_removal();
-    a.fault_document(API_DP2QMX_GET_CONFIG, av::DocumentFault::NoReply);
-    a.clear_faults();
-    EXPECT_EQ(a.deliver({description}, CMD_ADD), av::kAccepted);
-    EXPECT_EQ(a.remove_vsys({"vs9"}), av::kAccepted);
-    EXPECT_TRUE(a.document(API_DP2QMX_GET_CONFIG).with_reply);
-}
-
-// Each fault answers one request of its type; the other type and the next
-// request are answered normally.
-TEST(AppliancePlatform, DocumentFaults) {
-    av::Appliance a = rich();
-    for (unsigned type : {API_DP2QMX_GET_CONFIG, API_DP2QMX_NC_STATE}) {
-        const unsigned other = type == API_DP2QMX_GET_CONFIG ? API_DP2QMX_NC_STATE : API_DP2QMX_GET_CONFIG;
-        const std::string normal = a.document(type).data, other_normal = a.document(other).data;
-        const std::string half = normal.substr(0, normal.size() / 2) + (type == API_DP2QMX_GET_CONFIG ? "\0"s : "");
-        const std::tuple<av::DocumentFault, int, bool, std::string> faults[] = {
-            {av::DocumentFault::Malformed, 0, true, half},
-            {av::DocumentFault::Empty, 0, true, ""},
-            {av::DocumentFault::NoReply, 0, false, ""},
-            {av::DocumentFault::Failed, 77, true, normal},
-        };
-        for (const auto& [fault, result, with_reply, data] : faults) {
-            SCOPED_TRACE("type " + std::to_string(type) + ", fault " + std::to_string(static_cast<int>(fault)));
-            a.fault_document(type, fault, 77);
-            EXPECT_EQ(a.document(other).data, other_normal);
-            const auto reply = a.document(type);
-            EXPECT_EQ(std::tie(reply.result, reply.with_reply, reply.data), std::tie(result, with_reply, data));
-            EXPECT_EQ(a.document(type).data, normal);
-        }
-    }
 }
 
 // A referenced profile stays. Removing vsys (the appliance standing in for

@@ -134,19 +134,6 @@ runtime::DocumentReply Appliance::document(unsigned msg_type) {
     } else {
         return {kSyntax, false, {}};
     }
-    auto fault = document_faults_.find(msg_type);
-    if (fault == document_faults_.end()) return reply;
-    auto [kind, code] = fault->second;
-    document_faults_.erase(fault);
-    switch (kind) {
-        case DocumentFault::Malformed:  // the first half: the root element is left open
-            reply.data.resize(reply.data.size() / 2);
-            if (msg_type == API_DP2QMX_GET_CONFIG) reply.data.push_back('\0');
-            break;
-        case DocumentFault::Empty: reply.data.clear(); break;
-        case DocumentFault::NoReply: reply = {kAccepted, false, {}}; break;
-        case DocumentFault::Failed: reply.result = code; break;
-    }
     return reply;
 }
 
@@ -209,19 +196,6 @@ void Appliance::refuse_line(unsigned nth, int code) {
 void Appliance::fail_send(int code) { fail_send_ = code; }
 
 void Appliance::fail_vsys_removal(int code) { fail_vsys_removal_ = code; }
-
-void Appliance::fault_document(unsigned msg_type, DocumentFault fault, int code) {
-    if (msg_type != API_DP2QMX_NC_STATE && msg_type != API_DP2QMX_GET_CONFIG)
-        throw std::invalid_argument("fault_document: message type 2 or 7");
-    document_faults_[msg_type] = {fault, code};
-}
-
-void Appliance::clear_faults() {
-    refuse_at_.reset();
-    fail_send_.reset();
-    fail_vsys_removal_.reset();
-    document_faults_.clear();
-}
 
 // ---- persistence ------------------------------------------------------------------------------
 

@@ -183,14 +183,6 @@ inline constexpr std::string_view kDefaultProfileName = "default";
 // Name the simulated signature database gives a signature id.
 std::string signature_name(std::string_view id);
 
-// One injectable failure of a document request.
-enum class DocumentFault {
-    Malformed,  // result 0, the first half of the document (NUL-terminated for type 7)
-    Empty,      // result 0, a reply with msg_length 0
-    NoReply,    // result 0, no reply record at all
-    Failed,     // result = the given code, with the normal reply record
-};
-
 struct Refusal {
     runtime::CachedLine line;  // empty line for a failed send or vsys removal (vsys: the first one)
     unsigned cmd_op = 0;
@@ -244,9 +236,6 @@ public:
     void fail_send(int code = kInjected);
     // The next remove_vsys() is refused.
     void fail_vsys_removal(int code = kInjected);
-    // The next request of msg_type (2 or 7) is answered with the fault.
-    void fault_document(unsigned msg_type, DocumentFault fault, int code = kInjected);
-    void clear_faults();
 
     // The last refusal of deliver() or execute(), until the next one.
     const std::optional<Refusal>& last_refusal() const { return last_refusal_; }
@@ -268,10 +257,6 @@ private:
         std::uint64_t line;  // absolute line number
         int code;
     };
-    struct DocFault {
-        DocumentFault fault;
-        int code;
-    };
 
     int refuse(const runtime::CachedLine& line, unsigned cmd_op, int code, std::string reason);
     // Saves the state to the store, when there is one; why it failed, if it did.
@@ -284,7 +269,6 @@ private:
     std::optional<RefuseAt> refuse_at_;
     std::optional<int> fail_send_;
     std::optional<int> fail_vsys_removal_;
-    std::map<unsigned, DocFault> document_faults_;
     std::optional<Refusal> last_refusal_;
     std::filesystem::path store_;
 };

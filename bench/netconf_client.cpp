@@ -3,7 +3,6 @@
 #include <csignal>
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 #include <libyang/libyang.h>
@@ -115,44 +114,8 @@ Reply Client::get(std::string_view filter) {
 
 Reply Client::commit() { return send(nc_rpc_commit(0, 0, nullptr, nullptr, NC_PARAMTYPE_CONST)); }
 
-std::string Client::running() {
-    const Reply reply = get_config();
-    EXPECT_TRUE(reply.data) << "no <data> in the get-config reply";
-    return reply.data.value_or("");
-}
 
-// Text of the first element `name` in `xml` (namespace prefixes ignored).
-static std::optional<std::string> element_text(std::string_view xml, std::string_view name) {
-    const std::string wrapped = "<wrapped-for-test>" + std::string(xml) + "</wrapped-for-test>";
-    xmlDoc* doc = xmlReadMemory(wrapped.data(), static_cast<int>(wrapped.size()), nullptr, nullptr, XML_PARSE_NONET);
-    if (!doc) {
-        ADD_FAILURE() << "not XML: " << xml;
-        return std::nullopt;
-    }
-    std::optional<std::string> found;
-    std::vector<xmlNode*> stack{xmlDocGetRootElement(doc)->children};
-    while (!found && !stack.empty()) {  // depth first, in document order
-        xmlNode* node = stack.back();
-        stack.pop_back();
-        if (!node) continue;
-        stack.push_back(node->next);
-        if (node->type != XML_ELEMENT_NODE) continue;
-        if (name == reinterpret_cast<const char*>(node->name)) {
-            xmlChar* text = xmlNodeGetContent(node);
-            found = text ? reinterpret_cast<const char*>(text) : "";
-            xmlFree(text);
-        }
-        stack.push_back(node->children);
-    }
-    xmlFreeDoc(doc);
-    return found;
-}
 
-std::string Client::appliance_configuration() {
-    const Reply reply = get("<appliance xmlns=\"" + std::string(kDaemonNs) + "\"><running-configuration/></appliance>");
-    EXPECT_TRUE(reply.data) << "no <data> in the get reply";
-    return element_text(reply.data.value_or(""), "running-configuration").value_or("");
-}
 
 std::string antivirus(std::string_view body) {
     return "<antivirus xmlns=\"" + std::string(kModelNs) + "\">" + std::string(body) + "</antivirus>";
@@ -241,9 +204,6 @@ bool Daemon::launch(const std::vector<std::string>& extra) {
     return true;
 }
 
-void Daemon::start(const std::vector<std::string>& extra) {
-    ASSERT_TRUE(launch(extra)) << "tkav-netconfd did not come up:\n" << stderr_text();
-}
 
 int Daemon::stop() {
     if (pid_ <= 0) return -1;

@@ -1,8 +1,7 @@
-// A NETCONF client for the tests of tkav-netconfd, on libnetconf2's client
-// API, and a helper that runs the daemon.
+// A NETCONF client for the benchmarks of tkav-netconfd, on libnetconf2's
+// client API, and a helper that runs the daemon.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -46,10 +45,6 @@ public:
     Reply get(std::string_view filter = {});
     Reply commit();
 
-    // The running configuration and the appliance's configuration (as the
-    // module reads it), each as XML text ("" when empty).
-    std::string running();
-    std::string appliance_configuration();
 
 private:
     explicit Client(nc_session* session) : session_(session) {}
@@ -74,8 +69,6 @@ public:
     // Starts the daemon and waits until it listens; false when it exited
     // instead. `extra` options are added to the command line.
     bool launch(const std::vector<std::string>& extra = {});
-    // launch() that fails the test when the daemon does not come up.
-    void start(const std::vector<std::string>& extra = {});
     // SIGTERM; returns the exit status (-1: did not exit by itself).
     int stop();
     // SIGKILL: the daemon stops at whatever point it has reached.
@@ -98,17 +91,5 @@ private:
     pid_t pid_ = -1;
 };
 
-// A daemon of its own for each test, and a session on it.
-class DaemonTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        daemon.start();
-        client = daemon.connect();
-        ASSERT_TRUE(client) << daemon.stderr_text();
-    }
-
-    Daemon daemon;
-    std::unique_ptr<Client> client;
-};
 
 }  // namespace tavrik::netconf::test

@@ -744,10 +744,8 @@ std::vector<DatastoreStatus> Datastore::datastores() const {
 
 void Datastore::release_memory() {
     bool rebuilt = false;
-    {
-        std::lock_guard lock(impl_->mutex);
-        rebuilt = impl_->engine->compact();
-    }
+    // Busy: another session's request is at work; the next reply looks again.
+    if (std::unique_lock lock(impl_->mutex, std::try_to_lock); lock.owns_lock()) rebuilt = impl_->engine->compact();
     if (impl_->memory_to_release.exchange(false) || rebuilt) malloc_trim(0);
 }
 

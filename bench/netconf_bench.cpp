@@ -19,12 +19,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "netconf_client.hpp"
+#include "tavrik/appliance.hpp"
 
 namespace {
 
@@ -97,6 +99,15 @@ double tree_mib(const std::string& xml) {
     lyd_free_all(tree);
     ly_ctx_destroy(ctx);
     return static_cast<double>(after - before) / (1024.0 * 1024.0);
+}
+
+// The heap the simulated appliance's model of `xml` takes, in MiB, measured
+// the same way: memory of the daemon's process that a real appliance keeps on
+// its own side.
+double appliance_mib(const std::string& xml) {
+    const auto before = mallinfo2().uordblks;
+    const auto model = std::make_unique<tavrik::appliance::Configuration>(tavrik::appliance::parse_configuration(xml));
+    return static_cast<double>(mallinfo2().uordblks - before) / (1024.0 * 1024.0);
 }
 
 bool ok(const Reply& reply, const char* what) {
@@ -203,14 +214,19 @@ int main(int argc, char** argv) {
     const Size& largest = results.back();
     if (largest.profiles > 0) {
         const double tree = tree_mib(profiles(largest.profiles));
+        const double appliance = appliance_mib(profiles(largest.profiles));
+        const double grown = largest.rss_created - largest.rss_empty;
         std::printf("\n%d profiles                       %s\n", largest.profiles, label.c_str());
         std::printf("  create, one edit-config         %10.1f ms\n", largest.create_ms);
         std::printf("  get-config                      %10.1f ms\n", largest.get_config_ms);
         std::printf("  delete, one edit-config         %10.1f ms\n", largest.delete_ms);
         std::printf("  libyang tree by itself          %13s\n", mib(tree).c_str());
         std::printf("  RSS, empty daemon               %13s\n", mib(largest.rss_empty).c_str());
+        std::printf("  simulated appliance's model     %13s\n", mib(appliance).c_str());
         std::printf("  RSS after create                %13s  (%.2fx the tree; target <= 2x)\n",
                     mib(largest.rss_created).c_str(), largest.rss_created / tree);
+        std::printf("    grown by                      %13s  (%.2fx the tree; without the appliance's model %.2fx)\n",
+                    mib(grown).c_str(), grown / tree, (grown - appliance) / tree);
         std::printf("  RSS after delete                %13s  (+%.1f MiB over empty; target <= 20)\n",
                     mib(largest.rss_deleted).c_str(), largest.rss_deleted - largest.rss_empty);
         std::printf("  RSS after create, delete again  %13s / %s\n", mib(largest.rss_created_again).c_str(),

@@ -28,7 +28,8 @@ import xml.etree.ElementTree as ET
 
 import ncclient.transport.ssh
 from ncclient import manager
-from ncclient.operations.rpc import RPCError
+from ncclient.operations.errors import TimeoutExpiredError
+from ncclient.operations.rpc import RPC, RPCError
 from ncclient.xml_ import to_ele
 from lxml import etree
 
@@ -108,6 +109,25 @@ def error_tag(call, *args, **kwargs):
     return None
 
 
+LIVE = set()  # the daemons running now
+
+
+def threads_when_a_reply_times_out(request):
+    """An rpc without a reply in time: the test fails anyway; what the daemon's threads were doing then, and
+    its log, go to stderr first (a hang seen once is then seen in full)."""
+    def wrapped(self, *args, **kwargs):
+        try:
+            return request(self, *args, **kwargs)
+        except TimeoutExpiredError:
+            for daemon in list(LIVE):
+                daemon.dump_threads()
+            raise
+    return wrapped
+
+
+RPC._request = threads_when_a_reply_times_out(RPC._request)
+
+
 class Daemon:
     """tkav-netconfd with SSH on a free loopback port and its own state."""
 
@@ -141,6 +161,7 @@ class Daemon:
                        f"--suppressions={os.path.dirname(os.path.abspath(__file__))}/valgrind.supp"] + command
         self.stderr = open(os.path.join(self.dir, "stderr.log"), "a")
         self.process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=self.stderr)
+        LIVE.add(self)
         deadline = time.time() + SLOW * 30
         while not os.path.exists(pid_file):
             if self.process.poll() is not None or time.time() > deadline:
@@ -151,6 +172,7 @@ class Daemon:
         """SIGTERM; returns the exit status (99: valgrind found errors)."""
         if not self.process:
             return 0
+        LIVE.discard(self)
         self.process.send_signal(signal.SIGTERM)
         status = self.process.wait(timeout=300 if OPTIONS.valgrind else 30)
         self.stderr.close()
@@ -162,8 +184,15 @@ class Daemon:
                 print(f"valgrind on tkav-netconfd:\n{report}", file=sys.stderr)
         return status
 
+    def dump_threads(self):
+        if self.process and shutil.which("gdb"):
+            subprocess.run(["gdb", "-batch", "-p", str(self.process.pid), "-ex", "thread apply all bt"],
+                           stdout=sys.stderr, stderr=subprocess.DEVNULL, timeout=120, check=False)
+        print(f"tkav-netconfd's log:\n{self.log()}", file=sys.stderr)
+
     def kill(self):
         """SIGKILL: the daemon stops wherever it is."""
+        LIVE.discard(self)
         self.process.kill()
         self.process.wait()
         self.stderr.close()

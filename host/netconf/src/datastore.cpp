@@ -745,7 +745,10 @@ std::vector<DatastoreStatus> Datastore::datastores() const {
 void Datastore::release_memory() {
     bool rebuilt = false;
     // Busy: another session's request is at work; the next reply looks again.
-    if (std::unique_lock lock(impl_->mutex, std::try_to_lock); lock.owns_lock()) rebuilt = impl_->engine->compact();
+    if (std::unique_lock lock(impl_->mutex, std::try_to_lock); lock.owns_lock()) {
+        rebuilt = impl_->engine->compact();
+        if (rebuilt) impl_->appliance.compact();
+    }
     if (impl_->memory_to_release.exchange(false) || rebuilt) malloc_trim(0);
 }
 

@@ -16,6 +16,10 @@ namespace tavrik::netconf::detail {
 
 // ---- FrameReader --------------------------------------------------------------
 
+namespace {
+constexpr std::size_t kKeptCapacity = 64 * 1024;
+}
+
 bool FrameReader::feed(std::string_view bytes) {
     if (failed()) return false;
     buffer_.append(bytes);
@@ -29,6 +33,9 @@ void FrameReader::consume(std::size_t n) {
         ready_ -= head_;
         pos_ -= head_;
         head_ = 0;
+        // A large message is over: its buffer goes back to the system rather
+        // than staying with the session as its high-water mark.
+        if (buffer_.capacity() > kKeptCapacity && buffer_.size() < kKeptCapacity / 2) buffer_.shrink_to_fit();
     }
 }
 

@@ -1,6 +1,7 @@
 // tkav-netconfd: serves the antivirus configuration module over NETCONF
 // (SSH, a UNIX socket, or one session on stdin/stdout) with the embedded
 // simulated appliance as the platform.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -29,6 +30,12 @@ extern "C" void on_signal(int) {
 
 int main(int argc, char* argv[]) {
     using namespace tavrik::netconf;
+    // Large buffers (a request of thousands of entries, its text and the
+    // replies) are mapped and returned to the system when freed. glibc would
+    // otherwise raise this threshold after the first such buffer and take
+    // them from the heap, where the long-lived configuration made meanwhile
+    // pins their pages.
+    ::mallopt(M_MMAP_THRESHOLD, 128 * 1024);
     Options options;
     try {
         options = parse_options(argc, argv);

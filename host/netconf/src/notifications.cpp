@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -29,12 +30,15 @@ struct TreeFree {
 };
 using Tree = std::unique_ptr<lyd_node, TreeFree>;
 
-// One notification: its event time and content. `control`: replayComplete
-// or notificationComplete, which every subscriber gets unfiltered.
+// One notification: its event time and content. The content is kept as
+// libyang's binary form, one buffer, and becomes a tree again only while it is
+// sent: a change of many entries is a large tree, and the log keeps up to
+// NotificationOptions::log_size events. `control`: replayComplete or
+// notificationComplete, which every subscriber gets unfiltered.
 struct Event {
     Clock::time_point time;
     std::string time_text;  // yang:date-and-time
-    Tree tree;
+    std::string content;    // LYB
     bool control = false;
 };
 using EventPtr = std::shared_ptr<const Event>;
@@ -154,9 +158,27 @@ struct Notifications::Impl {
             event->time_text = text;
             std::free(text);
         }
-        event->tree = std::move(tree);
+        char* bytes = nullptr;
+        if (lyd_print_mem(&bytes, tree.get(), LYD_LYB, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS)
+            throw std::runtime_error("cannot keep a notification");
+        event->content.assign(bytes, lyd_lyb_data_length(bytes));
+        std::free(bytes);
         event->control = is_control;
         return event;
+    }
+
+    // The event's notification as a tree again.
+    Tree content(const Event& event) const {
+        ly_in* in = nullptr;
+        if (ly_in_new_memory(event.content.data(), &in) != LY_SUCCESS) return nullptr;
+        lyd_node* tree = nullptr;
+        const LY_ERR parsed = lyd_parse_op(ctx, nullptr, in, LYD_LYB, LYD_TYPE_NOTIF_YANG, &tree, nullptr);
+        ly_in_free(in, 0);
+        if (parsed != LY_SUCCESS) {
+            lyd_free_siblings(tree);
+            return nullptr;
+        }
+        return Tree(tree);
     }
 
     // Logs the event and queues it for every subscriber (lock held).
@@ -175,22 +197,28 @@ struct Notifications::Impl {
 
     // Whether the subscriber receives the event: the control events always,
     // the others when its filter selects them and it may read them.
-    bool wanted(const Subscriber& subscriber, const Event& event) const {
+    bool wanted(const Subscriber& subscriber, const Event& event, const lyd_node* tree) const {
         if (event.control) return true;
         const SubscriptionRequest& request = subscriber.request;
-        if (request.selects && !request.selects(event.tree.get())) return false;
-        return !request.may_receive || request.may_receive(event.tree.get());
+        if (request.selects && !request.selects(tree)) return false;
+        return !request.may_receive || request.may_receive(tree);
     }
 
     NC_MSG_TYPE deliver(const Subscriber& subscriber, const Event& event) const {
+        Tree tree = content(event);
+        if (!tree) return NC_MSG_ERROR;
         try {
-            if (!wanted(subscriber, event)) return NC_MSG_NONE;
+            if (!wanted(subscriber, event, tree.get())) return NC_MSG_NONE;
         } catch (const std::exception&) {
             return NC_MSG_NONE;
         }
-        nc_server_notif* notif =
-            nc_server_notif_new(event.tree.get(), const_cast<char*>(event.time_text.c_str()), NC_PARAMTYPE_DUP_AND_FREE);
-        if (!notif) return NC_MSG_ERROR;
+        char* time = ::strdup(event.time_text.c_str());
+        nc_server_notif* notif = time ? nc_server_notif_new(tree.get(), time, NC_PARAMTYPE_FREE) : nullptr;
+        if (!notif) {
+            std::free(time);
+            return NC_MSG_ERROR;
+        }
+        tree.release();  // the notification owns it now
         const NC_MSG_TYPE result = nc_server_notif_send(subscriber.request.session, notif, kSendTimeoutMs);
         nc_server_notif_free(notif);
         return result;

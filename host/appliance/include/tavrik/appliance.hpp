@@ -252,6 +252,16 @@ public:
     // changes nothing. Empty path: no store.
     void set_store(std::filesystem::path file) { store_ = std::move(file); }
 
+    // Moves the state into new memory and frees the old: after a large change
+    // its records lie scattered among the freed memory of the work that made
+    // them, and hold that memory's pages.
+    void compact() {
+        Configuration config = config_;
+        auto references = references_;
+        config_ = std::move(config);
+        references_ = std::move(references);
+    }
+
 private:
     struct RefuseAt {
         std::uint64_t line;  // absolute line number

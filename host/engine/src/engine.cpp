@@ -490,12 +490,16 @@ bool Engine::compact() {
     impl.changed_since_rebuild = 0;
     impl.nodes_at_rebuild = 0;
     if (!impl.running) return true;
+    // As XML: this libyang's LYB printer can read past a union value's bytes
+    // (seen with a notification's source-host; the access-control rules of
+    // the running configuration have unions too).
     char* bytes = nullptr;
-    if (lyd_print_mem(&bytes, impl.running.get(), LYD_LYB, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS) return false;
-    const std::unique_ptr<char, decltype(&std::free)> lyb(bytes, &std::free);
+    if (lyd_print_mem(&bytes, impl.running.get(), LYD_XML, LYD_PRINT_WITHSIBLINGS | LYD_PRINT_SHRINK) != LY_SUCCESS)
+        return false;
+    const std::unique_ptr<char, decltype(&std::free)> text(bytes, &std::free);
     impl.running.reset();  // the strings only the configuration held leave the dictionary
     lyd_node* tree = nullptr;
-    if (lyd_parse_data_mem(impl.model.context(), lyb.get(), LYD_LYB, LYD_PARSE_STRICT | LYD_PARSE_ONLY, 0, &tree) !=
+    if (lyd_parse_data_mem(impl.model.context(), text.get(), LYD_XML, LYD_PARSE_STRICT | LYD_PARSE_ONLY, 0, &tree) !=
         LY_SUCCESS)
         throw EngineError("the running configuration could not be rebuilt in memory");
     impl.running.reset(tree);

@@ -31,14 +31,14 @@ struct TreeFree {
 using Tree = std::unique_ptr<lyd_node, TreeFree>;
 
 // One notification: its event time and content. The content is kept as
-// libyang's binary form, one buffer, and becomes a tree again only while it is
-// sent: a change of many entries is a large tree, and the log keeps up to
-// NotificationOptions::log_size events. `control`: replayComplete or
+// JSON text (shorter than XML for its instance paths), one buffer, and
+// becomes a tree again only while it is sent: a change of many entries is a
+// large tree, and the log keeps up to NotificationOptions::log_size events. `control`: replayComplete or
 // notificationComplete, which every subscriber gets unfiltered.
 struct Event {
     Clock::time_point time;
     std::string time_text;  // yang:date-and-time
-    std::string content;    // LYB
+    std::string content;    // JSON
     bool control = false;
 };
 using EventPtr = std::shared_ptr<const Event>;
@@ -159,9 +159,11 @@ struct Notifications::Impl {
             std::free(text);
         }
         char* bytes = nullptr;
-        if (lyd_print_mem(&bytes, tree.get(), LYD_LYB, LYD_PRINT_WITHSIBLINGS) != LY_SUCCESS)
+        // Not LYB: this libyang's LYB printer can read past a union value's
+        // bytes (source-host is a union).
+        if (lyd_print_mem(&bytes, tree.get(), LYD_JSON, LYD_PRINT_SHRINK) != LY_SUCCESS)
             throw std::runtime_error("cannot keep a notification");
-        event->content.assign(bytes, lyd_lyb_data_length(bytes));
+        event->content = bytes;
         std::free(bytes);
         event->control = is_control;
         return event;
@@ -172,7 +174,7 @@ struct Notifications::Impl {
         ly_in* in = nullptr;
         if (ly_in_new_memory(event.content.data(), &in) != LY_SUCCESS) return nullptr;
         lyd_node* tree = nullptr;
-        const LY_ERR parsed = lyd_parse_op(ctx, nullptr, in, LYD_LYB, LYD_TYPE_NOTIF_YANG, &tree, nullptr);
+        const LY_ERR parsed = lyd_parse_op(ctx, nullptr, in, LYD_JSON, LYD_TYPE_NOTIF_YANG, &tree, nullptr);
         ly_in_free(in, 0);
         if (parsed != LY_SUCCESS) {
             lyd_free_siblings(tree);

@@ -186,7 +186,8 @@ class Daemon:
 
     def dump_threads(self):
         if self.process and shutil.which("gdb"):
-            subprocess.run(["gdb", "-batch", "-p", str(self.process.pid), "-ex", "thread apply all bt"],
+            readers = os.path.join(os.path.dirname(os.path.abspath(__file__)), "frame_readers.gdb")
+            subprocess.run(["gdb", "-batch", "-p", str(self.process.pid), "-x", readers, "-ex", "thread apply all bt"],
                            stdout=sys.stderr, stderr=subprocess.DEVNULL, timeout=120, check=False)
         print(f"tkav-netconfd's log:\n{self.log()}", file=sys.stderr)
 

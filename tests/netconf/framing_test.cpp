@@ -17,11 +17,11 @@ struct Outcome {
     std::string error;
 };
 
-// Feeds `after` (following the hello) in pieces of `step` bytes.
-Outcome run(std::string_view after, bool chunked, std::size_t step, std::size_t max_message = 1000) {
-    FrameReader reader(max_message);
+// Feeds `hello` and `after` in pieces of `step` bytes.
+Outcome run(std::string_view after, bool chunked, std::size_t step, std::string_view hello = kHello) {
+    FrameReader reader(1000);
     Outcome out;
-    const std::string input = std::string(kHello) + std::string(after);
+    const std::string input = std::string(hello) + std::string(after);
     for (std::size_t i = 0; i < input.size() && !reader.failed(); i += step) {
         reader.feed(std::string_view(input).substr(i, step));
         if (reader.awaiting_framing()) reader.set_framing(chunked);
@@ -64,6 +64,20 @@ TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
             const Outcome out = run(c.after, c.chunked, step);
             EXPECT_EQ(out.passed, std::string(kHello) + c.passed);
             EXPECT_EQ(out.error, c.error);
+        }
+    }
+}
+
+// A client that writes its hello in chunks still gets its session; the hello
+// reaches libnetconf2 framed the way it reads one.
+TEST(FrameReaderTest, AHelloInChunksIsPassedOnEndOfMessage) {
+    const std::string rpc = "\n#6\n<rpc/>\n##\n";
+    for (const std::string_view hello : {"\n#8\n<hello/>\n##\n", " \r\n#3\n<he\n#5\nllo/>\n##\n"}) {
+        for (const std::size_t step : {std::size_t{1}, std::size_t{3}, std::size_t{4096}}) {
+            SCOPED_TRACE(std::string(hello) + ", pieces of " + std::to_string(step));
+            const Outcome out = run(rpc, true, step, hello);
+            EXPECT_EQ(out.passed, std::string(kHello) + rpc);
+            EXPECT_EQ(out.error, "");
         }
     }
 }

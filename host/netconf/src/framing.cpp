@@ -50,7 +50,33 @@ bool FrameReader::fail(std::string message) {
     return false;
 }
 
+// A client that switched to chunked framing before it wrote its <hello>
+// (python3-ncclient 0.6.13 does when the server's hello is parsed before its
+// own is sent; then the session would wait for a ]]>]]> that never comes):
+// the hello starts with a chunk header after white space.
+bool FrameReader::hello_in_chunks() const {
+    const std::size_t first = buffer_.find_first_not_of(" \t\r\n", ready_);
+    return first != std::string::npos && first > ready_ && buffer_[first] == '#' && buffer_[first - 1] == '\n';
+}
+
+// The hello read in chunks becomes its content framed end-of-message, the
+// way libnetconf2 reads a hello. The chunks are well-formed: parse_chunked()
+// checked them.
+void FrameReader::unchunk_hello() {
+    std::string hello;
+    for (std::size_t at = buffer_.find('#', ready_) + 1; buffer_[at] != '#'; at = buffer_.find('#', at) + 1) {
+        const std::size_t line_feed = buffer_.find('\n', at);
+        const std::size_t size = std::stoull(buffer_.substr(at, line_feed - at));
+        hello.append(buffer_, line_feed + 1, size);
+        at = line_feed + 1 + size;
+    }
+    hello += "]]>]]>";
+    buffer_.replace(ready_, pos_ - ready_, hello);
+    pos_ = ready_ + hello.size();
+}
+
 void FrameReader::message_done() {
+    if (!hello_done_ && chunked_) unchunk_hello();
     ready_ = pos_;
     if (!hello_done_) {
         hello_done_ = true;
@@ -59,6 +85,10 @@ void FrameReader::message_done() {
 }
 
 bool FrameReader::parse() {
+    if (!hello_done_ && !chunked_ && hello_in_chunks()) {
+        chunked_ = true;
+        pos_ = ready_;
+    }
     while (!awaiting_framing_ && pos_ < buffer_.size()) {
         const std::size_t before = pos_;
         if (!(chunked_ ? parse_chunked() : parse_end_of_message())) return false;

@@ -29,8 +29,9 @@
 namespace tavrik::netconf::detail {
 
 // Splits what a peer sends into messages. The first message (the <hello>)
-// is framed end-of-message (]]>]]>); then the reader waits until told the
-// framing the session agreed on.
+// is framed end-of-message (]]>]]>); a hello that comes in chunks is passed
+// on framed end-of-message. Then the reader waits until told the framing
+// the session agreed on.
 class FrameReader {
 public:
     static constexpr std::size_t kMaxMessage = std::size_t{64} << 20;
@@ -55,6 +56,8 @@ private:
     bool parse();
     bool parse_end_of_message();
     bool parse_chunked();
+    bool hello_in_chunks() const;
+    void unchunk_hello();
     bool fail(std::string message);
     void message_done();
 

@@ -9,8 +9,8 @@ namespace {
 using av::oneOf;
 using Keyword = av::Text<32>;
 
-bool isMail(const char* protocol) { return oneOf(protocol, {"smtp", "pop3"}); }
-bool isNfs(const char* protocol) { return strcmp(protocol, "nfs") == 0; }
+bool isMail(const char* protocol) { return oneOf(protocol, "smtp", "pop3"); }
+bool isNfs(const char* protocol) { return av::same(protocol, "nfs"); }
 
 // The enclosing detect entry's protocol key, prefix removed (not trimmed,
 // not tested: the detect entry's handler tests the keyword).
@@ -126,7 +126,7 @@ AV_HANDLER(callback_AV_ProfileDetectConfigAction) {
             return c.refuse("The profile detect direction in action node is NULL.", NC_ERR_MISSING_ELEM);
         if (AV_CheckDetectDirConfig(const_cast<char*>(direction), protocol) != 0)
             return c.refuse("Av protocol detect direction config invalid.", NC_ERR_BAD_ELEM);
-        if (strcmp(direction, "none") == 0 || isNfs(protocol)) return c.drop();
+        if (av::same(direction, "none") || isNfs(protocol)) return c.drop();
         if (isMail(protocol))
             AV_FORMAT(line, "%s-detect action %s", protocol.buf, action.buf);
         else

@@ -20,7 +20,7 @@ av::Result sendException(av::ProfileChange& c, const Value& name, const Value& a
     av::Text<128> line;
     if (action.empty())
         AV_FORMAT(line, "exception application name %s", name.buf);
-    else if (av::oneOf(action, {"alert", "allow", "block"}))
+    else if (av::oneOf(action, "alert", "allow", "block"))
         AV_FORMAT(line, "exception application name %s action %s", name.buf, action.buf);
     else
         return c.refuse("Av except app action error", NC_ERR_BAD_ELEM);

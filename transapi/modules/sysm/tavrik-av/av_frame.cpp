@@ -86,22 +86,4 @@ Step ProfileChange::normalise() {
     return {};
 }
 
-void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
-                   char* secondOut, unsigned int secondSize) {
-    if (child == nullptr) return;
-    char* target = nullptr;
-    unsigned int size = 0;
-    if (nameIs(child, first)) {
-        target = firstOut;
-        size = firstSize;
-    } else if (nameIs(child, second)) {
-        target = secondOut;
-        size = secondSize;
-    } else {
-        return;
-    }
-    if (AV_Strstrip(get_node_content(child), target, static_cast<int>(size)) == nullptr)
-        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
-}
-
 }  // namespace av

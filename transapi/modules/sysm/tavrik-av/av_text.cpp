@@ -1,41 +1,35 @@
 // Trimming, quoting and conversion of node text.
 #include "av_frame.h"
 
-namespace {
-// The C locale's white space, whatever locale the host runs in; a test of
-// two ranges, not a call per character.
-bool blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-}  // namespace
+using av::blank;
 
-AV_EXPORT char* AV_Strstrip(const char* pcSrc, char* pcDst, int uiDstLen) {
-    if (pcSrc == nullptr || pcDst == nullptr) return nullptr;
-    const char* start = pcSrc;
-    while (*start != '\0' && blank(*start)) ++start;
-    if (*start == '\0') return nullptr;
-    const char* end = start + strlen(start) - 1;
-    while (end > start && blank(*end)) --end;
-    long n = end - start + 1;
-    if (n >= uiDstLen) return nullptr;
-    memcpy_s(pcDst, static_cast<size_t>(uiDstLen), start, static_cast<size_t>(n));
-    pcDst[n] = '\0';
-    return pcDst;
-}
+AV_EXPORT char* AV_Strstrip(const char* pcSrc, char* pcDst, int uiDstLen) { return av::strip(pcSrc, pcDst, uiDstLen); }
 
+// Without a ':' the source is copied as the bounded string copy with a count
+// of `srcLen` copies it: cut at `srcLen`, or emptied when no terminator falls
+// within the destination. With one, the characters after the first ':' up to
+// the terminator, less every further ':', at most `dstLen`. The last byte of
+// the destination is always a terminator.
 AV_EXPORT int AV_remove_prefix(char* pcSrcStr, int srcLen, char* psDstStr, int dstLen) {
     if (pcSrcStr == nullptr || psDstStr == nullptr) return 1;
     if (dstLen <= 0) return 0;  // no room even for the terminator: write nothing
-    bool prefix = false;
-    int written = 0;
-    for (int i = 0; i < srcLen; ++i) {
-        char c = pcSrcStr[i];
-        if (c == ':') {
-            prefix = true;
-            continue;
-        }
-        if (c == '\0' || written >= dstLen) break;
-        if (prefix) psDstStr[written++] = c;
+    const size_t size = static_cast<size_t>(dstLen);
+    const size_t scanned = srcLen > 0 ? strnlen(pcSrcStr, static_cast<size_t>(srcLen)) : 0;
+    const char* colon = static_cast<const char*>(memchr(pcSrcStr, ':', scanned));
+    if (colon != nullptr) {
+        size_t written = 0;
+        for (const char* p = colon + 1; p < pcSrcStr + scanned && written < size; ++p)
+            if (*p != ':') psDstStr[written++] = *p;
+    } else if (srcLen >= 0 && static_cast<size_t>(srcLen) < size) {
+        memmove(psDstStr, pcSrcStr, scanned);
+        psDstStr[scanned] = '\0';
+    } else {
+        const size_t n = strnlen(pcSrcStr, size);
+        if (n >= size)
+            psDstStr[0] = '\0';
+        else
+            memmove(psDstStr, pcSrcStr, n + 1);
     }
-    if (!prefix) strncpy_s(psDstStr, static_cast<size_t>(dstLen), pcSrcStr, static_cast<size_t>(srcLen));
     psDstStr[dstLen - 1] = '\0';
     return 0;
 }
@@ -68,7 +62,7 @@ AV_EXPORT unsigned int AV_IsContainedSpacesMarks(char* pcSrc) {
 
 AV_EXPORT unsigned int AV_netconf_checkNodeName(const char* pcNodeContent, char* pcNodeTmp, char* pcNodeOutName,
                                                 unsigned int uiLength) {
-    if (AV_Strstrip(pcNodeContent, pcNodeTmp, static_cast<int>(uiLength)) == nullptr) {
+    if (av::strip(pcNodeContent, pcNodeTmp, static_cast<int>(uiLength)) == nullptr) {
         AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }

@@ -72,12 +72,6 @@ void free_error(nc_err* error) { delete error; }
 
 using namespace tavrik::runtime;
 
-extern "C" XMLDIFF_OP transapi_transform_op(XMLDIFF_OP op) {
-    if (journaling()) ++journal().transforms;
-    if (CallRecord* record = call_record()) ++record->transforms;
-    return static_cast<XMLDIFF_OP>(op & (XMLDIFF_ADD | XMLDIFF_REM | XMLDIFF_MOD | XMLDIFF_CHAIN));
-}
-
 extern "C" XMLDIFF_OP priority_transapi_find_parent_op_by_xmldiff(void** data, int level) {
     if (data == nullptr || *data == nullptr || level < 1) return XMLDIFF_NONE;
     return static_cast<XMLDIFF_OP>(static_cast<const EditContext*>(*data)->parentOp(level));

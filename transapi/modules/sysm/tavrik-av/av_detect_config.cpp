@@ -17,7 +17,7 @@ bool isNfs(const char* protocol) { return av::same(protocol, "nfs"); }
 av::Step readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
     const char* key = c.key(level, "protocol-type");
     if (key == nullptr) return c.refuse("The profile detect protocol-type node is NULL.", NC_ERR_MISSING_ELEM);
-    AV_remove_prefix(const_cast<char*>(key), static_cast<int>(strlen(key)), protocol, sizeof protocol.buf);
+    av::removePrefix(key, static_cast<int>(strlen(key)), protocol, sizeof protocol.buf);
     return {};
 }
 
@@ -45,7 +45,7 @@ AV_HANDLER(callback_AV_ProfileDetectConfig) {
 
     for (xmlNode* child = node->children; child != nullptr; child = child->next)
         if (child->type == XML_ELEMENT_NODE)
-            AV_GetDetectConfig(child, direction, sizeof direction.buf, action, sizeof action.buf);
+            av::readDetectConfig(child, direction, sizeof direction.buf, action, sizeof action.buf);
     if (AV_CheckDetectConfig(direction, action, protocol) != 0)
         return c.refuse("Av protocol detect config input invalid.", NC_ERR_BAD_ELEM);
 

@@ -15,7 +15,7 @@ AV_EXPORT unsigned int AV_CheckProtocolAndGetValid(const char* pcNodeContent, ch
 
 AV_EXPORT void AV_GetDetectConfig(xmlNodePtr pstChild, char* pcDirection, unsigned int uiBufLen1, char* pcAction,
                                   unsigned int uiBufLen2) {
-    av::readChildPair(pstChild, "direction", pcDirection, uiBufLen1, "action", pcAction, uiBufLen2);
+    av::readDetectConfig(pstChild, pcDirection, uiBufLen1, pcAction, uiBufLen2);
 }
 
 AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtocol) {

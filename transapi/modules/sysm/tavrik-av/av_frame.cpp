@@ -30,7 +30,7 @@ Change::Change(const Call& call, const char* path, int tracePoint) : call_(call)
 }
 
 Change::~Change() {
-    free(message_);
+    if (message_ != nullptr) free(message_);  // only a refusal makes one
     free(path_);
 }
 
@@ -41,10 +41,6 @@ Step Change::screen(std::initializer_list<int> levels) const {
     if (!removes(ops)) return {};
     AV_TRACE("SUCCESS: The parent operation is deleted.\r\n");
     return kDone;
-}
-
-const char* Change::key(int level, const char* name) const {
-    return priority_transapi_find_parent_key_node_content(level, call_.node, name);
 }
 
 Result Change::refuse(const char* message, NC_ERR code) {

@@ -141,7 +141,9 @@ public:
     // being removed in this edit.
     Step screen(std::initializer_list<int> levels) const;
     // Key leaf `key` of the ancestor `level` steps up, or null.
-    const char* key(int level, const char* name) const;
+    const char* key(int level, const char* name) const {
+        return priority_transapi_find_parent_key_node_content(level, call_.node, name);
+    }
 
     // Refuses the change for the client; nothing has been cached.
     Result refuse(const char* message, NC_ERR code);
@@ -225,6 +227,35 @@ inline char* strip(const char* src, char* dst, int size) {
         memcpy(dst, src, static_cast<size_t>(n));
     dst[n] = '\0';
     return dst;
+}
+
+// Without a ':' the source is copied as the bounded string copy with a count
+// of `srcLen` copies it: cut at `srcLen`, or emptied when no terminator falls
+// within the destination. With one, the characters after the first ':' up to
+// the terminator, less every further ':', at most `dstLen`. The last byte of
+// the destination is always a terminator. AV_remove_prefix is this function.
+inline int removePrefix(const char* src, int srcLen, char* dst, int dstLen) {
+    if (src == nullptr || dst == nullptr) return 1;
+    if (dstLen <= 0) return 0;  // no room even for the terminator: write nothing
+    const size_t size = static_cast<size_t>(dstLen);
+    const size_t scanned = srcLen > 0 ? strnlen(src, static_cast<size_t>(srcLen)) : 0;
+    const char* colon = static_cast<const char*>(memchr(src, ':', scanned));
+    if (colon != nullptr) {
+        size_t written = 0;
+        for (const char* p = colon + 1; p < src + scanned && written < size; ++p)
+            if (*p != ':') dst[written++] = *p;
+    } else if (srcLen >= 0 && static_cast<size_t>(srcLen) < size) {
+        memmove(dst, src, scanned);
+        dst[scanned] = '\0';
+    } else {
+        const size_t n = strnlen(src, size);
+        if (n >= size)
+            dst[0] = '\0';
+        else
+            memmove(dst, src, n + 1);
+    }
+    dst[dstLen - 1] = '\0';
+    return 0;
 }
 
 // Reads `text` trimmed into `out`; false when it is missing, blank or too long

@@ -5,33 +5,8 @@ using av::blank;
 
 AV_EXPORT char* AV_Strstrip(const char* pcSrc, char* pcDst, int uiDstLen) { return av::strip(pcSrc, pcDst, uiDstLen); }
 
-// Without a ':' the source is copied as the bounded string copy with a count
-// of `srcLen` copies it: cut at `srcLen`, or emptied when no terminator falls
-// within the destination. With one, the characters after the first ':' up to
-// the terminator, less every further ':', at most `dstLen`. The last byte of
-// the destination is always a terminator.
 AV_EXPORT int AV_remove_prefix(char* pcSrcStr, int srcLen, char* psDstStr, int dstLen) {
-    if (pcSrcStr == nullptr || psDstStr == nullptr) return 1;
-    if (dstLen <= 0) return 0;  // no room even for the terminator: write nothing
-    const size_t size = static_cast<size_t>(dstLen);
-    const size_t scanned = srcLen > 0 ? strnlen(pcSrcStr, static_cast<size_t>(srcLen)) : 0;
-    const char* colon = static_cast<const char*>(memchr(pcSrcStr, ':', scanned));
-    if (colon != nullptr) {
-        size_t written = 0;
-        for (const char* p = colon + 1; p < pcSrcStr + scanned && written < size; ++p)
-            if (*p != ':') psDstStr[written++] = *p;
-    } else if (srcLen >= 0 && static_cast<size_t>(srcLen) < size) {
-        memmove(psDstStr, pcSrcStr, scanned);
-        psDstStr[scanned] = '\0';
-    } else {
-        const size_t n = strnlen(pcSrcStr, size);
-        if (n >= size)
-            psDstStr[0] = '\0';
-        else
-            memmove(psDstStr, pcSrcStr, n + 1);
-    }
-    psDstStr[dstLen - 1] = '\0';
-    return 0;
+    return av::removePrefix(pcSrcStr, srcLen, psDstStr, dstLen);
 }
 
 AV_EXPORT unsigned int AV_IsContainedSpaces(const char* pcSrc) {

@@ -35,7 +35,8 @@ struct UrlScan {
     bool quoted = false;
 
     explicit UrlScan(const char* value) {
-        const char* p = value;
+        // Most URLs hold none of these: the C library finds the end at once.
+        const char* p = value + strcspn(value, "\" \t\n\v\f\r?");
         for (; *p != '\0'; ++p) {
             if (*p == '"')
                 ++quotes;

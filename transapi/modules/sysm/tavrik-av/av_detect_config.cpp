@@ -17,7 +17,7 @@ bool isNfs(const char* protocol) { return av::same(protocol, "nfs"); }
 av::Step readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
     const char* key = c.key(level, "protocol-type");
     if (key == nullptr) return c.refuse("The profile detect protocol-type node is NULL.", NC_ERR_MISSING_ELEM);
-    av::removePrefix(key, static_cast<int>(strlen(key)), protocol, sizeof protocol.buf);
+    av::removePrefix(key, protocol);
     return {};
 }
 

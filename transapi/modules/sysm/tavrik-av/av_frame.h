@@ -258,6 +258,25 @@ inline int removePrefix(const char* src, int srcLen, char* dst, int dstLen) {
     return 0;
 }
 
+// removePrefix(text, strlen(text), out, N) with one pass over a text
+// without ':'.
+template <size_t N>
+void removePrefix(const char* text, Text<N>& out) {
+    const char* stop = strchrnul(text, ':');
+    if (*stop != '\0') {
+        removePrefix(text, static_cast<int>(strlen(text)), out.buf, static_cast<int>(N));
+        return;
+    }
+    const size_t n = static_cast<size_t>(stop - text);
+    if (n < N) {
+        memcpy(out.buf, text, n);
+        out.buf[n] = '\0';
+    } else {
+        out.buf[0] = '\0';
+    }
+    out.buf[N - 1] = '\0';
+}
+
 // Reads `text` trimmed into `out`; false when it is missing, blank or too long
 // (`limit` bytes with the NUL).
 template <size_t N>

@@ -86,6 +86,15 @@ extern "C" unsigned int api_script_cache_lines(const char* vsys, const char* vie
     return 0;
 }
 
+// Next to the channel's state: one look at it per call, as every wrapper
+// that lets a change through calls this.
+extern "C" XMLDIFF_OP transapi_transform_op(XMLDIFF_OP op) {
+    auto& s = tavrik::runtime::state();
+    if (s.journaling) ++s.journal.transforms;
+    if (s.record) ++s.record->transforms;
+    return static_cast<XMLDIFF_OP>(op & (XMLDIFF_ADD | XMLDIFF_REM | XMLDIFF_MOD | XMLDIFF_CHAIN));
+}
+
 extern "C" void api_script_clear_lines(void) {
     auto& s = tavrik::runtime::state();
     if (s.journaling) ++s.journal.clears;

@@ -1,4 +1,5 @@
 // Server functions that configuration modules call while handling a change.
+#include <cstring>
 #include <deque>
 #include <string>
 
@@ -36,12 +37,10 @@ bool is_text(const xmlNode* n) {
     return n->type == XML_TEXT_NODE || n->type == XML_CDATA_SECTION_NODE;
 }
 
-// The text of `node` (see get_node_content): a single text child in place,
-// several joined and kept until release_texts().
-const char* content_of(const xmlNode* node) {
-    const xmlNode* only = node->children;
-    if (only != nullptr && only->next == nullptr && is_text(only)) return reinterpret_cast<const char*>(only->content);
-    only = nullptr;
+// The text of `node` when it is not one text child: none, or several
+// joined and kept until release_texts().
+const char* joined_content(const xmlNode* node) {
+    const xmlNode* only = nullptr;
     int texts = 0;
     for (const xmlNode* c = node->children; c != nullptr; c = c->next) {
         if (is_text(c)) {
@@ -55,6 +54,14 @@ const char* content_of(const xmlNode* node) {
         if (is_text(c) && c->content != nullptr) joined += reinterpret_cast<const char*>(c->content);
     return joined_texts().emplace_back(std::move(joined)).c_str();
 }
+
+// The text of `node` (see get_node_content): a single text child in place,
+// inline; anything else through joined_content.
+inline const char* content_of(const xmlNode* node) {
+    const xmlNode* only = node->children;
+    if (only != nullptr && only->next == nullptr && is_text(only)) return reinterpret_cast<const char*>(only->content);
+    return joined_content(node);
+}
 }  // namespace
 
 void release_texts() { joined_texts().clear(); }
@@ -64,12 +71,6 @@ void free_error(nc_err* error) { delete error; }
 }  // namespace tavrik::runtime
 
 using namespace tavrik::runtime;
-
-extern "C" XMLDIFF_OP transapi_transform_op(XMLDIFF_OP op) {
-    if (journaling()) ++journal().transforms;
-    if (CallRecord* record = call_record()) ++record->transforms;
-    return static_cast<XMLDIFF_OP>(op & (XMLDIFF_ADD | XMLDIFF_REM | XMLDIFF_MOD | XMLDIFF_CHAIN));
-}
 
 extern "C" XMLDIFF_OP priority_transapi_find_parent_op_by_xmldiff(void** data, int level) {
     if (data == nullptr || *data == nullptr || level < 1) return XMLDIFF_NONE;
@@ -85,8 +86,9 @@ extern "C" const char* priority_transapi_find_parent_key_node_content(int level,
         ancestor = ancestor->parent;
         if (ancestor == nullptr || ancestor->type != XML_ELEMENT_NODE) return nullptr;
     }
+    // Keys come first in their entry: the C library's compare, not a call into libxml2 per byte.
     for (xmlNode* c = ancestor->children; c != nullptr; c = c->next) {
-        if (c->type == XML_ELEMENT_NODE && xmlStrEqual(c->name, reinterpret_cast<const xmlChar*>(key)))
+        if (c->type == XML_ELEMENT_NODE && std::strcmp(reinterpret_cast<const char*>(c->name), key) == 0)
             return content_of(c);
     }
     return nullptr;

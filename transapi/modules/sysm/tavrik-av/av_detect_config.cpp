@@ -9,15 +9,15 @@ namespace {
 using av::oneOf;
 using Keyword = av::Text<32>;
 
-bool isMail(const char* protocol) { return oneOf(protocol, {"smtp", "pop3"}); }
-bool isNfs(const char* protocol) { return strcmp(protocol, "nfs") == 0; }
+bool isMail(const char* protocol) { return oneOf(protocol, "smtp", "pop3"); }
+bool isNfs(const char* protocol) { return av::same(protocol, "nfs"); }
 
 // The enclosing detect entry's protocol key, prefix removed (not trimmed,
 // not tested: the detect entry's handler tests the keyword).
 av::Step readProtocol(av::ProfileChange& c, int level, Keyword& protocol) {
     const char* key = c.key(level, "protocol-type");
     if (key == nullptr) return c.refuse("The profile detect protocol-type node is NULL.", NC_ERR_MISSING_ELEM);
-    AV_remove_prefix(const_cast<char*>(key), static_cast<int>(strlen(key)), protocol, sizeof protocol.buf);
+    av::removePrefix(key, protocol);
     return {};
 }
 
@@ -45,7 +45,7 @@ AV_HANDLER(callback_AV_ProfileDetectConfig) {
 
     for (xmlNode* child = node->children; child != nullptr; child = child->next)
         if (child->type == XML_ELEMENT_NODE)
-            AV_GetDetectConfig(child, direction, sizeof direction.buf, action, sizeof action.buf);
+            av::readDetectConfig(child, direction, sizeof direction.buf, action, sizeof action.buf);
     if (AV_CheckDetectConfig(direction, action, protocol) != 0)
         return c.refuse("Av protocol detect config input invalid.", NC_ERR_BAD_ELEM);
 
@@ -126,7 +126,7 @@ AV_HANDLER(callback_AV_ProfileDetectConfigAction) {
             return c.refuse("The profile detect direction in action node is NULL.", NC_ERR_MISSING_ELEM);
         if (AV_CheckDetectDirConfig(const_cast<char*>(direction), protocol) != 0)
             return c.refuse("Av protocol detect direction config invalid.", NC_ERR_BAD_ELEM);
-        if (strcmp(direction, "none") == 0 || isNfs(protocol)) return c.drop();
+        if (av::same(direction, "none") || isNfs(protocol)) return c.drop();
         if (isMail(protocol))
             AV_FORMAT(line, "%s-detect action %s", protocol.buf, action.buf);
         else

@@ -6,32 +6,32 @@ using av::oneOf;
 AV_EXPORT unsigned int AV_CheckProtocolAndGetValid(const char* pcNodeContent, char* pcProtocol,
                                                    unsigned int uiProtocolLen) {
     if (pcNodeContent == nullptr || pcProtocol == nullptr) return 1;
-    if (AV_Strstrip(pcNodeContent, pcProtocol, static_cast<int>(uiProtocolLen)) == nullptr) {
+    if (av::strip(pcNodeContent, pcProtocol, static_cast<int>(uiProtocolLen)) == nullptr) {
         AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }
-    return oneOf(pcProtocol, {"http", "ftp", "smtp", "pop3", "imap", "nfs", "smb"}) ? 0 : 1;
+    return oneOf(pcProtocol, "http", "ftp", "smtp", "pop3", "imap", "nfs", "smb") ? 0 : 1;
 }
 
 AV_EXPORT void AV_GetDetectConfig(xmlNodePtr pstChild, char* pcDirection, unsigned int uiBufLen1, char* pcAction,
                                   unsigned int uiBufLen2) {
-    av::readChildPair(pstChild, "direction", pcDirection, uiBufLen1, "action", pcAction, uiBufLen2);
+    av::readDetectConfig(pstChild, pcDirection, uiBufLen1, pcAction, uiBufLen2);
 }
 
 AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtocol) {
     if (pcDirection == nullptr || pcProtocol == nullptr) return 1;
-    if (pcDirection[0] == '\0' || strcmp(pcDirection, "none") == 0) return 0;
-    if (strcmp(pcProtocol, "smtp") == 0) {
-        if (strcmp(pcDirection, "upload") == 0) return 0;
+    if (pcDirection[0] == '\0' || av::same(pcDirection, "none")) return 0;
+    if (av::same(pcProtocol, "smtp")) {
+        if (av::same(pcDirection, "upload")) return 0;
         AV_TRACE("Av smtp detect direction error\r");
         return 1;
     }
-    if (strcmp(pcProtocol, "pop3") == 0) {
-        if (strcmp(pcDirection, "download") == 0) return 0;
+    if (av::same(pcProtocol, "pop3")) {
+        if (av::same(pcDirection, "download")) return 0;
         AV_TRACE("Av pop3 detect direction error\r");
         return 1;
     }
-    if (oneOf(pcDirection, {"both", "upload", "download"})) return 0;
+    if (oneOf(pcDirection, "both", "upload", "download")) return 0;
     AV_TRACE("Av detect direction error\r");
     return 1;
 }
@@ -41,18 +41,18 @@ AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtoc
 AV_EXPORT unsigned int AV_CheckDetectActionConfig(char* pcAction, char* pcProtocol) {
     if (pcAction == nullptr || pcProtocol == nullptr) return 1;
     if (pcAction[0] == '\0') return 0;
-    if (oneOf(pcProtocol, {"smtp", "pop3"})) {
-        if (oneOf(pcAction, {"alert", "declare", "delete-attachment"})) return 0;
+    if (oneOf(pcProtocol, "smtp", "pop3")) {
+        if (oneOf(pcAction, "alert", "declare", "delete-attachment")) return 0;
         AV_TRACE("Av mail detect action error\r");
         return 1;
     }
-    if (oneOf(pcProtocol, {"http", "ftp", "smb"})) {
-        if (oneOf(pcAction, {"alert", "block"})) return 0;
+    if (oneOf(pcProtocol, "http", "ftp", "smb")) {
+        if (oneOf(pcAction, "alert", "block")) return 0;
         AV_TRACE("Av http/ftp/smb detect action error\r");
         return 1;
     }
-    if (strcmp(pcProtocol, "nfs") == 0) {
-        if (strcmp(pcAction, "alert") == 0) return 0;
+    if (av::same(pcProtocol, "nfs")) {
+        if (av::same(pcAction, "alert")) return 0;
         AV_TRACE("Av nfs detect action error\r");
         return 1;
     }

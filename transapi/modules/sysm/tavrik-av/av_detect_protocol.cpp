@@ -15,7 +15,7 @@ AV_HANDLER(callback_AV_ProfileDetect) {
     if (text == nullptr) return c.refuse("av detect protocol-type is null.", NC_ERR_MISSING_ELEM);
 
     av::Text<32> keyword, protocol;
-    AV_remove_prefix(const_cast<char*>(text), static_cast<int>(strlen(text)), keyword, sizeof keyword.buf);
+    av::removePrefix(text, keyword);
     if (AV_CheckProtocolAndGetValid(keyword, protocol, sizeof protocol.buf) != 0)
         return c.refuse("av detect protocol-type is invalid.", NC_ERR_BAD_ELEM);
 

@@ -4,8 +4,7 @@
 
 AV_EXPORT void AV_GetExceptAppConfig(xmlNodePtr pstChild, char* pcExcetAppName, unsigned int uiBufLen1,
                                      char* pcExcetAction, unsigned int uiBufLen2) {
-    av::readChildPair(pstChild, "application-name", pcExcetAppName, uiBufLen1, "application-action", pcExcetAction,
-                      uiBufLen2);
+    av::readExceptApp(pstChild, pcExcetAppName, uiBufLen1, pcExcetAction, uiBufLen2);
 }
 
 namespace {
@@ -13,14 +12,14 @@ namespace {
 using Value = av::Text<32>;
 
 void readExceptionChild(xmlNode* child, Value& name, Value& action) {
-    if (child->type == XML_ELEMENT_NODE) AV_GetExceptAppConfig(child, name, sizeof name.buf, action, sizeof action.buf);
+    if (child->type == XML_ELEMENT_NODE) av::readExceptApp(child, name, sizeof name.buf, action, sizeof action.buf);
 }
 
 av::Result sendException(av::ProfileChange& c, const Value& name, const Value& action) {
     av::Text<128> line;
     if (action.empty())
         AV_FORMAT(line, "exception application name %s", name.buf);
-    else if (av::oneOf(action, {"alert", "allow", "block"}))
+    else if (av::oneOf(action, "alert", "allow", "block"))
         AV_FORMAT(line, "exception application name %s action %s", name.buf, action.buf);
     else
         return c.refuse("Av except app action error", NC_ERR_BAD_ELEM);

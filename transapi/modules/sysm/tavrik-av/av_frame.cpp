@@ -30,7 +30,7 @@ Change::Change(const Call& call, const char* path, int tracePoint) : call_(call)
 }
 
 Change::~Change() {
-    free(message_);
+    if (message_ != nullptr) free(message_);  // only a refusal makes one
     free(path_);
 }
 
@@ -41,10 +41,6 @@ Step Change::screen(std::initializer_list<int> levels) const {
     if (!removes(ops)) return {};
     AV_TRACE("SUCCESS: The parent operation is deleted.\r\n");
     return kDone;
-}
-
-const char* Change::key(int level, const char* name) const {
-    return priority_transapi_find_parent_key_node_content(level, call_.node, name);
 }
 
 Result Change::refuse(const char* message, NC_ERR code) {
@@ -84,24 +80,6 @@ Step ProfileChange::open(std::initializer_list<int> screened, Normalise when) {
 Step ProfileChange::normalise() {
     if (!trimInto(profileKey_, profile_)) return refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
     return {};
-}
-
-void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
-                   char* secondOut, unsigned int secondSize) {
-    if (child == nullptr) return;
-    char* target = nullptr;
-    unsigned int size = 0;
-    if (nameIs(child, first)) {
-        target = firstOut;
-        size = firstSize;
-    } else if (nameIs(child, second)) {
-        target = secondOut;
-        size = secondSize;
-    } else {
-        return;
-    }
-    if (AV_Strstrip(get_node_content(child), target, static_cast<int>(size)) == nullptr)
-        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
 }
 
 }  // namespace av

@@ -32,6 +32,18 @@ void trace(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // otherwise.
 #define AV_TRACE(...) (g_ucAvApiDebug != 0 ? av::trace(__VA_ARGS__) : (void)0)
 
+// `text` is the keyword: compared inline character by character up to the
+// first difference, so never read past the text's terminator.
+template <size_t N>
+inline bool same(const char* text, const char (&keyword)[N]) {
+    for (size_t i = 0; i < N; ++i)
+        if (text[i] != keyword[i]) return false;
+    return true;
+}
+template <size_t... N>
+inline bool oneOf(const char* text, const char (&... keywords)[N]) {
+    return (same(text, keywords) || ...);
+}
 // A fixed-size character buffer, cleared when it is made and written only
 // through the bounded formatter (AV_FORMAT below) or bounded copies.
 template <size_t N>
@@ -41,7 +53,10 @@ struct Text {
     Text() { clear(); }
     void clear() { memset_s(buf, N, 0, N); }
     bool empty() const { return buf[0] == '\0'; }
-    bool is(const char* keyword) const { return strcmp(buf, keyword) == 0; }
+    template <size_t K>
+    bool is(const char (&keyword)[K]) const {
+        return same(buf, keyword);
+    }
     size_t length() const { return strlen(buf); }
     operator char*() { return buf; }
     operator const char*() const { return buf; }
@@ -102,13 +117,9 @@ struct Call {
 inline bool removes(int op) { return (op & XMLDIFF_REM) != 0; }
 inline bool addsOrModifies(int op) { return (op & (XMLDIFF_ADD | XMLDIFF_MOD)) != 0; }
 inline bool chains(int op) { return (op & XMLDIFF_CHAIN) != 0; }
-inline bool nameIs(const xmlNode* node, const char* name) {
-    return node->type == XML_ELEMENT_NODE && strcmp(reinterpret_cast<const char*>(node->name), name) == 0;
-}
-inline bool oneOf(const char* text, std::initializer_list<const char*> keywords) {
-    for (const char* keyword : keywords)
-        if (strcmp(text, keyword) == 0) return true;
-    return false;
+template <size_t N>
+inline bool nameIs(const xmlNode* node, const char (&name)[N]) {
+    return node->type == XML_ELEMENT_NODE && same(reinterpret_cast<const char*>(node->name), name);
 }
 inline bool contains(const char* text, char c) { return strchr(text, c) != nullptr; }
 
@@ -130,7 +141,9 @@ public:
     // being removed in this edit.
     Step screen(std::initializer_list<int> levels) const;
     // Key leaf `key` of the ancestor `level` steps up, or null.
-    const char* key(int level, const char* name) const;
+    const char* key(int level, const char* name) const {
+        return priority_transapi_find_parent_key_node_content(level, call_.node, name);
+    }
 
     // Refuses the change for the client; nothing has been cached.
     Result refuse(const char* message, NC_ERR code);
@@ -188,8 +201,81 @@ private:
 // element named `first` is trimmed into `firstOut`, of one named `second`
 // into `secondOut`; other elements are ignored. A text that cannot be
 // trimmed leaves its buffer as it was (trace only).
-void readChildPair(xmlNodePtr child, const char* first, char* firstOut, unsigned int firstSize, const char* second,
-                   char* secondOut, unsigned int secondSize);
+template <size_t A, size_t B>
+void readChildPair(xmlNodePtr child, const char (&first)[A], char* firstOut, unsigned int firstSize,
+                   const char (&second)[B], char* secondOut, unsigned int secondSize);
+
+// The C locale's white space, whatever locale the host runs in; a test of
+// two ranges, not a call per character.
+inline bool blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
+
+// Copies `src` without its leading and trailing blanks into `dst` (`size`
+// bytes with the NUL); null when either is null or the text is blank or too
+// long. Overlapping source and destination leave the destination empty, as
+// the bounded copy does. AV_Strstrip is this function.
+inline char* strip(const char* src, char* dst, int size) {
+    if (src == nullptr || dst == nullptr) return nullptr;
+    while (blank(*src)) ++src;
+    if (*src == '\0') return nullptr;
+    const char* end = src + strlen(src);
+    while (end - 1 > src && blank(end[-1])) --end;
+    const long n = end - src;
+    if (n >= size) return nullptr;
+    if ((dst < src && dst + n > src) || (src < dst && src + n > dst))
+        memset(dst, 0, static_cast<size_t>(size));
+    else
+        memcpy(dst, src, static_cast<size_t>(n));
+    dst[n] = '\0';
+    return dst;
+}
+
+// Without a ':' the source is copied as the bounded string copy with a count
+// of `srcLen` copies it: cut at `srcLen`, or emptied when no terminator falls
+// within the destination. With one, the characters after the first ':' up to
+// the terminator, less every further ':', at most `dstLen`. The last byte of
+// the destination is always a terminator. AV_remove_prefix is this function.
+inline int removePrefix(const char* src, int srcLen, char* dst, int dstLen) {
+    if (src == nullptr || dst == nullptr) return 1;
+    if (dstLen <= 0) return 0;  // no room even for the terminator: write nothing
+    const size_t size = static_cast<size_t>(dstLen);
+    const size_t scanned = srcLen > 0 ? strnlen(src, static_cast<size_t>(srcLen)) : 0;
+    const char* colon = static_cast<const char*>(memchr(src, ':', scanned));
+    if (colon != nullptr) {
+        size_t written = 0;
+        for (const char* p = colon + 1; p < src + scanned && written < size; ++p)
+            if (*p != ':') dst[written++] = *p;
+    } else if (srcLen >= 0 && static_cast<size_t>(srcLen) < size) {
+        memmove(dst, src, scanned);
+        dst[scanned] = '\0';
+    } else {
+        const size_t n = strnlen(src, size);
+        if (n >= size)
+            dst[0] = '\0';
+        else
+            memmove(dst, src, n + 1);
+    }
+    dst[dstLen - 1] = '\0';
+    return 0;
+}
+
+// removePrefix(text, strlen(text), out, N) with one pass over a text
+// without ':'.
+template <size_t N>
+void removePrefix(const char* text, Text<N>& out) {
+    const char* stop = strchrnul(text, ':');
+    if (*stop != '\0') {
+        removePrefix(text, static_cast<int>(strlen(text)), out.buf, static_cast<int>(N));
+        return;
+    }
+    const size_t n = static_cast<size_t>(stop - text);
+    if (n < N) {
+        memcpy(out.buf, text, n);
+        out.buf[n] = '\0';
+    } else {
+        out.buf[0] = '\0';
+    }
+    out.buf[N - 1] = '\0';
+}
 
 // Reads `text` trimmed into `out`; false when it is missing, blank or too long
 // (`limit` bytes with the NUL).
@@ -209,5 +295,24 @@ AV_EXPORT unsigned int AV_ApiAtoi(unsigned char* pucStr, unsigned int uiLen);
 
 template <size_t N>
 bool av::trimInto(const char* text, Text<N>& out, int limit) {
-    return AV_Strstrip(text, out.buf, limit) != nullptr;
+    return strip(text, out.buf, limit) != nullptr;
+}
+
+template <size_t A, size_t B>
+void av::readChildPair(xmlNodePtr child, const char (&first)[A], char* firstOut, unsigned int firstSize,
+                       const char (&second)[B], char* secondOut, unsigned int secondSize) {
+    if (child == nullptr) return;
+    char* target = nullptr;
+    unsigned int size = 0;
+    if (nameIs(child, first)) {
+        target = firstOut;
+        size = firstSize;
+    } else if (nameIs(child, second)) {
+        target = secondOut;
+        size = secondSize;
+    } else {
+        return;
+    }
+    if (strip(get_node_content(child), target, static_cast<int>(size)) == nullptr)
+        AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
 }

@@ -39,6 +39,22 @@ AV_EXPORT unsigned int AV_CheckDetectDirConfig(char* pcDirection, char* pcProtoc
 AV_EXPORT unsigned int AV_CheckDetectActionConfig(char* pcAction, char* pcProtocol);
 AV_EXPORT unsigned int AV_CheckDetectConfig(char* pcDirection, char* pcAction, char* pcProtocol);
 
+namespace av {
+// Readers of one child element of a list entry (see readChildPair), inline;
+// AV_GetDetectConfig, AV_GetExceptAppConfig and AV_GetSourceRangeConfig are
+// these.
+inline void readDetectConfig(xmlNodePtr child, char* direction, unsigned int directionSize, char* action,
+                             unsigned int actionSize) {
+    readChildPair(child, "direction", direction, directionSize, "action", action, actionSize);
+}
+inline void readExceptApp(xmlNodePtr child, char* name, unsigned int nameSize, char* action, unsigned int actionSize) {
+    readChildPair(child, "application-name", name, nameSize, "application-action", action, actionSize);
+}
+inline void readRange(xmlNodePtr child, char* start, unsigned int startSize, char* end, unsigned int endSize) {
+    readChildPair(child, "start-address", start, startSize, "end-address", end, endSize);
+}
+}  // namespace av
+
 // Readers of one child element of a list entry.
 AV_EXPORT void AV_GetExceptAppConfig(xmlNodePtr pstChild, char* pcExcetAppName, unsigned int uiBufLen1,
                                      char* pcExcetAction, unsigned int uiBufLen2);

@@ -1,43 +1,12 @@
 // Trimming, quoting and conversion of node text.
 #include "av_frame.h"
 
-namespace {
-// The C locale's white space, whatever locale the host runs in; a test of
-// two ranges, not a call per character.
-bool blank(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-}  // namespace
+using av::blank;
 
-AV_EXPORT char* AV_Strstrip(const char* pcSrc, char* pcDst, int uiDstLen) {
-    if (pcSrc == nullptr || pcDst == nullptr) return nullptr;
-    const char* start = pcSrc;
-    while (*start != '\0' && blank(*start)) ++start;
-    if (*start == '\0') return nullptr;
-    const char* end = start + strlen(start) - 1;
-    while (end > start && blank(*end)) --end;
-    long n = end - start + 1;
-    if (n >= uiDstLen) return nullptr;
-    memcpy_s(pcDst, static_cast<size_t>(uiDstLen), start, static_cast<size_t>(n));
-    pcDst[n] = '\0';
-    return pcDst;
-}
+AV_EXPORT char* AV_Strstrip(const char* pcSrc, char* pcDst, int uiDstLen) { return av::strip(pcSrc, pcDst, uiDstLen); }
 
 AV_EXPORT int AV_remove_prefix(char* pcSrcStr, int srcLen, char* psDstStr, int dstLen) {
-    if (pcSrcStr == nullptr || psDstStr == nullptr) return 1;
-    if (dstLen <= 0) return 0;  // no room even for the terminator: write nothing
-    bool prefix = false;
-    int written = 0;
-    for (int i = 0; i < srcLen; ++i) {
-        char c = pcSrcStr[i];
-        if (c == ':') {
-            prefix = true;
-            continue;
-        }
-        if (c == '\0' || written >= dstLen) break;
-        if (prefix) psDstStr[written++] = c;
-    }
-    if (!prefix) strncpy_s(psDstStr, static_cast<size_t>(dstLen), pcSrcStr, static_cast<size_t>(srcLen));
-    psDstStr[dstLen - 1] = '\0';
-    return 0;
+    return av::removePrefix(pcSrcStr, srcLen, psDstStr, dstLen);
 }
 
 AV_EXPORT unsigned int AV_IsContainedSpaces(const char* pcSrc) {
@@ -68,7 +37,7 @@ AV_EXPORT unsigned int AV_IsContainedSpacesMarks(char* pcSrc) {
 
 AV_EXPORT unsigned int AV_netconf_checkNodeName(const char* pcNodeContent, char* pcNodeTmp, char* pcNodeOutName,
                                                 unsigned int uiLength) {
-    if (AV_Strstrip(pcNodeContent, pcNodeTmp, static_cast<int>(uiLength)) == nullptr) {
+    if (av::strip(pcNodeContent, pcNodeTmp, static_cast<int>(uiLength)) == nullptr) {
         AV_TRACE("av remove spaces failed,in %d\r\n", __LINE__);
         return 1;
     }

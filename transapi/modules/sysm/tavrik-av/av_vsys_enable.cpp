@@ -7,7 +7,7 @@ AV_HANDLER(callback_AV_VsysEnable) {
 
     const char* vsys = c.key(1, "name");
     if (vsys == nullptr) return c.refuse("The vsys name node is NULL.", NC_ERR_MISSING_ELEM);
-    if (strcmp(vsys, "public") == 0) return c.refuse("The public vsys is not support.", NC_ERR_MISSING_ELEM);
+    if (av::same(vsys, "public")) return c.refuse("The public vsys is not support.", NC_ERR_MISSING_ELEM);
 
     av::Text<128> view;  // formatted with a count equal to its size: too long a name leaves it empty
     snprintf_s(view, sizeof view.buf, sizeof view.buf, "vsys-%s", vsys);

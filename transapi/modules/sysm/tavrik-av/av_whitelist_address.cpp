@@ -4,7 +4,7 @@
 
 AV_EXPORT void AV_GetSourceRangeConfig(xmlNodePtr pstChild, char* pcSourceIpStart, unsigned int uiBufLen1,
                                        char* pcSourceIpEnd, unsigned int uiBufLen2) {
-    av::readChildPair(pstChild, "start-address", pcSourceIpStart, uiBufLen1, "end-address", pcSourceIpEnd, uiBufLen2);
+    av::readRange(pstChild, pcSourceIpStart, uiBufLen1, pcSourceIpEnd, uiBufLen2);
 }
 
 namespace {
@@ -36,7 +36,7 @@ av::Result changeAddress(const AddressKind& kind, const av::Call& call) {
     if (kind.range) {
         for (xmlNode* child = call.node->children; child != nullptr; child = child->next)
             if (child->type == XML_ELEMENT_NODE)
-                AV_GetSourceRangeConfig(child, start, sizeof start.buf, end, sizeof end.buf);
+                av::readRange(child, start, sizeof start.buf, end, sizeof end.buf);
         if (start.empty() || end.empty()) return c.refuse(kind.missingMessage, NC_ERR_MISSING_ELEM);
     } else {
         const char* text = get_node_content(call.node);

@@ -26,12 +26,26 @@ AV_EXPORT unsigned int AV_MatchTypeCorrect(char* pcWhitelistUrl, char* pcMatchTy
 }
 
 namespace {
-// Length of the value once every double quote is written as "%22".
-size_t rewrittenLength(const char* value) {
-    size_t length = 0;
-    for (const char* p = value; *p != '\0'; ++p) length += *p == '"' ? 3 : 1;
-    return length;
-}
+// One pass over a URL: its length once every double quote is written as
+// "%22", its quotes, and whether it holds a blank or '?' (then the line
+// quotes it).
+struct UrlScan {
+    size_t rewrittenLength = 0;
+    size_t quotes = 0;
+    bool quoted = false;
+
+    explicit UrlScan(const char* value) {
+        // Most URLs hold none of these: the C library finds the end at once.
+        const char* p = value + strcspn(value, "\" \t\n\v\f\r?");
+        for (; *p != '\0'; ++p) {
+            if (*p == '"')
+                ++quotes;
+            else if (av::blank(*p) || *p == '?')
+                quoted = true;
+        }
+        rewrittenLength = static_cast<size_t>(p - value) + 2 * quotes;
+    }
+};
 }  // namespace
 
 AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
@@ -56,15 +70,17 @@ AV_HANDLER(callback_AV_ProfileWhitelistMatchRuleValue) {
     const char* undo = av::removes(op) ? "undo " : "";
 
     av::Text<256> line;
-    if (strcmp(scope, "url") == 0) {
+    if (av::same(scope, "url")) {
         // A URL whose quotes, written as "%22", would not fit the value buffer
         // is as over-long as a value that does not fit as it stands.
-        if (rewrittenLength(value) >= sizeof value.buf) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
-        if (AV_IsContainedSpacesMarks(value) == 0)
+        const UrlScan url(value);
+        if (url.rewrittenLength >= sizeof value.buf) return c.refuse("av remove spaces failed.", NC_ERR_BAD_ELEM);
+        if (url.quotes != 0) AV_IsContainedSpacesMarks(value);  // writes each quote as "%22"
+        if (url.quoted)
             AV_FORMAT(line, "%swhitelist url \"%s\"", undo, value.buf);
         else
             AV_FORMAT(line, "%swhitelist url %s", undo, value.buf);
-    } else if (strcmp(scope, "host") == 0) {
+    } else if (av::same(scope, "host")) {
         AV_FORMAT(line, "%swhitelist host %s", undo, value.buf);
     } else {
         return c.refuse("Av whitelist match scope is error.", NC_ERR_BAD_ELEM);

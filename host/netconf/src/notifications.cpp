@@ -33,8 +33,9 @@ using Tree = std::unique_ptr<lyd_node, TreeFree>;
 // One notification: its event time and content. The content is kept as
 // JSON text (shorter than XML for its instance paths), one buffer, and
 // becomes a tree again only while it is sent: a change of many entries is a
-// large tree, and the log keeps up to NotificationOptions::log_size events. `control`: replayComplete or
-// notificationComplete, which every subscriber gets unfiltered.
+// large tree, and the log keeps up to NotificationOptions::log_size events.
+// `control`: replayComplete or notificationComplete, which every subscriber
+// gets unfiltered.
 struct Event {
     Clock::time_point time;
     std::string time_text;  // yang:date-and-time

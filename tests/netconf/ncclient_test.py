@@ -15,7 +15,9 @@ warnings.simplefilter("ignore", DeprecationWarning)
 
 import contextlib  # noqa: E402 (after the filter)
 import crypt  # noqa: E402
+import itertools
 import os
+import select
 import shutil
 import signal
 import socket
@@ -446,27 +448,55 @@ class NcclientTest(DaemonTestCase):
             with self.subTest(step=number):
                 self.assertEqual(error_tag(request), tag)
 
-    def test_broken_framing_ends_only_that_ssh_session(self):
+    def test_broken_framing_ends_only_that_session(self):
         hello = (f'<hello xmlns="{NC_NS}"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
                  '</capability></capabilities></hello>]]>]]>').encode()
-        for number, payload in enumerate([b"\n#abc\n<rpc/>\n##\n", b"\n##\n", b"<rpc/>]]>]]>"]):
-            with self.subTest(payload=payload):
-                transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
-                try:
-                    transport.connect(username="admin", password="s3cret")
-                    channel = transport.open_session()
-                    channel.invoke_subsystem("netconf")
-                    channel.settimeout(SLOW * 30)
-                    channel.sendall(hello + payload)
-                    received = b""
-                    while chunk := channel.recv(65536):  # the daemon's hello, then the end
-                        received += chunk
-                    self.assertIn(b"<session-id>", received)
-                finally:
-                    transport.close()
+        payloads = {"garbage before the hello": b"garbage" + hello, "non-numeric size": hello + b"\n#abc\n<rpc/>\n##\n",
+                    "oversized size": hello + b"\n#4294967296\n<rpc/>\n##\n", "end of chunks first": hello + b"\n##\n",
+                    "missing end marker": hello + b"\n#6\n<rpc/><rpc/>]]>]]>"}
+        for (transport, converse), (what, payload) in itertools.product(self.raw_transports().items(), payloads.items()):
+            with self.subTest(transport=transport, payload=what):
+                self.assertIn(b"<session-id>", converse(payload))  # the daemon's hello, then the end
                 # This test's session edits on in between.
-                self.m.edit_config(target="running", config=described(f"edit {number}"))
-                self.assertEqual(self.description(), [f"edit {number}"])
+                self.m.edit_config(target="running", config=described(f"{transport}: {what}"))
+                self.assertEqual(self.description(), [f"{transport}: {what}"])
+
+    def raw_transports(self):
+        """Each way in, as a function that sends bytes of a new session and returns what comes back until the
+        daemon ends the session."""
+        def ssh(payload):
+            transport = ncclient.transport.ssh.paramiko.Transport(("127.0.0.1", self.daemon.port))
+            with contextlib.closing(transport):
+                transport.connect(username="admin", password="s3cret")
+                channel = transport.open_session()
+                channel.invoke_subsystem("netconf")
+                channel.settimeout(SLOW * 30)
+                channel.sendall(payload)
+                return b"".join(iter(lambda: channel.recv(65536), b""))
+
+        def unix(payload):
+            with socket.socket(socket.AF_UNIX) as s:
+                s.settimeout(SLOW * 30)
+                s.connect(os.path.join(self.daemon.dir, "state", "netconf.sock"))
+                s.sendall(payload)
+                return b"".join(iter(lambda: s.recv(65536), b""))
+
+        def stdio(payload):  # relayed to the daemon's socket; stdin open until the daemon ends the session
+            relay = subprocess.Popen([OPTIONS.daemon, "--config", os.path.join(self.daemon.dir, "daemon.conf"),
+                                      "--stdio"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+            with relay:
+                relay.stdin.write(payload)
+                relay.stdin.flush()
+
+                def read():
+                    if not select.select([relay.stdout], [], [], SLOW * 30)[0]:
+                        self.fail("the session did not end")
+                    return os.read(relay.stdout.fileno(), 65536)
+                try:
+                    return b"".join(iter(read, b""))
+                finally:
+                    relay.kill()
+        return {"ssh": ssh, "unix": unix, "stdio": stdio}
 
     def test_public_key_and_password_logins(self):
         for credentials in ({"username": "alice", "key_filename": self.daemon.key_file},

@@ -49,6 +49,7 @@ TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
         {"size with a leading zero", true, "\n#05\n", "", "invalid chunk size"},
         {"size 0", true, "\n#0\n", "", "invalid chunk size"},
         {"size above 4294967295", true, "\n#4294967296\n", "", "chunk size above 4294967295"},
+        {"size 4294967295, the largest", true, "\n#4294967295\n", "", "a message is larger than 1000 bytes"},
         {"size of 20 digits", true, "\n#18446744073709551615\n", "", "chunk size above 4294967295"},
         {"end of chunks first", true, "\n##\n", "", "end of chunks before any chunk"},
         {"chunk longer than its size", true, "\n#2\nabc\n##\n", "", "a chunk is longer than its size"},
@@ -80,6 +81,10 @@ TEST(FrameReaderTest, AHelloInChunksIsPassedOnEndOfMessage) {
             EXPECT_EQ(out.error, "");
         }
     }
+    // A '#' that does not follow a line feed starts no chunk: that hello waits for its ]]>]]>.
+    const Outcome waiting = run("", true, 4096, " #8\n<hello/>\n##\n");
+    EXPECT_EQ(waiting.passed, "");
+    EXPECT_EQ(waiting.error, "");
 }
 
 }  // namespace

@@ -435,9 +435,11 @@ class NcclientTest(DaemonTestCase):
             (lambda: other.lock(target="candidate"), "lock-denied"),
             (lambda: m.lock(target="candidate"), None),
             (lambda: other.commit(), "in-use"),
-            # A pending confirmed commit keeps running from other sessions' locks.
+            # A pending confirmed commit keeps running from other sessions' locks, not from its own.
             (lambda: m.commit(confirmed=True), None),
             (lambda: other.lock(target="running"), "lock-denied"),
+            (lambda: m.lock(target="running"), None),
+            (lambda: m.unlock(target="running"), None),
             (lambda: m.commit(), None),
             (lambda: m.kill_session(own), "invalid-value"),
             (lambda: other.lock(target="running"), None),

@@ -34,6 +34,8 @@ Outcome run(std::string_view after, bool chunked, std::size_t step, std::string_
 
 TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
     const std::string chunked = "\n#5\n<a/>x\n#2\nyz\n##\n";
+    const auto chunked_of = [](int n) { return "\n#" + std::to_string(n) + "\n" + std::string(n, 'x') + "\n##\n"; };
+    const auto ended_of = [](int n) { return std::string(n, 'x') + "]]>]]>"; };
     struct Case {
         const char* what;
         bool chunked;
@@ -55,9 +57,11 @@ TEST(FrameReaderTest, PassesWholeMessagesAndStopsAtBrokenFraming) {
         {"chunk longer than its size", true, "\n#2\nabc\n##\n", "", "a chunk is longer than its size"},
         {"bytes between messages", true, chunked + "x\n#1\na\n##\n", chunked, "bytes outside a chunk"},
         {"end marker broken", true, "\n#1\na\n##x", "", "invalid end of chunks"},
-        {"message above the limit", true, "\n#999\n", "", "a message is larger than 1000 bytes"},
-        {"end-of-message message above the limit", false, std::string(1001, 'x'), "",
-         "a message is larger than 1000 bytes"},
+        // The limit counts the framing, whether a message comes in one piece or in many.
+        {"chunked at the limit", true, chunked_of(990), chunked_of(990), ""},
+        {"chunked above the limit", true, chunked_of(991), "", "a message is larger than 1000 bytes"},
+        {"end-of-message at the limit", false, ended_of(994), ended_of(994), ""},
+        {"end-of-message above the limit", false, ended_of(995), "", "a message is larger than 1000 bytes"},
     };
     for (const Case& c : cases) {
         for (const std::size_t step : {std::size_t{1}, std::size_t{3}, std::size_t{4096}}) {

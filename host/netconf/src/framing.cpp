@@ -50,6 +50,10 @@ bool FrameReader::fail(std::string message) {
     return false;
 }
 
+bool FrameReader::within_limit(std::uint64_t framed) {
+    return framed <= max_message_ || fail("a message is larger than " + std::to_string(max_message_) + " bytes");
+}
+
 // A client that switched to chunked framing before it wrote its <hello>
 // (python3-ncclient 0.6.13 does when the server's hello is parsed before its
 // own is sent; then the session would wait for a ]]>]]> that never comes):
@@ -94,9 +98,7 @@ bool FrameReader::parse() {
         if (!(chunked_ ? parse_chunked() : parse_end_of_message())) return false;
         if (pos_ == before) break;
     }
-    if (buffer_.size() - ready_ > max_message_)
-        return fail("a message is larger than " + std::to_string(max_message_) + " bytes");
-    return true;
+    return within_limit(buffer_.size() - ready_);  // a message not yet whole
 }
 
 bool FrameReader::parse_end_of_message() {
@@ -107,6 +109,7 @@ bool FrameReader::parse_end_of_message() {
         pos_ = buffer_.size();
     } else {
         pos_ = end + kEnd.size();
+        if (!within_limit(pos_ - ready_)) return false;
         message_done();
     }
     return true;
@@ -146,8 +149,8 @@ bool FrameReader::parse_chunked() {
                 number_ = number_ * 10 + static_cast<std::uint64_t>(c - '0');
             } else if (c == '\n') {
                 if (number_ > kMaxChunk) return fail("chunk size above 4294967295");
-                if (pos_ + 1 - ready_ + number_ > max_message_)
-                    return fail("a message is larger than " + std::to_string(max_message_) + " bytes");
+                // This chunk, were it the last: its end-of-chunks follows.
+                if (!within_limit(pos_ + 1 - ready_ + number_ + std::string_view("\n##\n").size())) return false;
                 remaining_ = number_;
                 state_ = State::Data;
             } else {

@@ -37,6 +37,8 @@ public:
     static constexpr std::size_t kMaxMessage = std::size_t{64} << 20;
     static constexpr std::uint64_t kMaxChunk = 4294967295u;  // RFC 6242
 
+    // A message may take up to `max_message` bytes with its framing (chunk
+    // headers and end-of-chunks, or ]]>]]>), however its bytes arrive.
     explicit FrameReader(std::size_t max_message = kMaxMessage) : max_message_(max_message) {}
 
     // Takes bytes from the peer; false when they break the framing (then
@@ -59,6 +61,9 @@ private:
     bool hello_in_chunks() const;
     void unchunk_hello();
     bool fail(std::string message);
+    // False (failed) when a message of `framed` bytes, framing included, is
+    // larger than the limit.
+    bool within_limit(std::uint64_t framed);
     void message_done();
 
     std::size_t max_message_;

@@ -45,7 +45,6 @@ class NotificationTest(base.DaemonTestCase):
         event = n.notification_ele.find(f"{{{NOTIF_NS}}}eventTime").getnext()
         return etree.QName(event).localname, event
 
-
     def test_config_change_reaches_a_subscriber_within_a_second(self):
         self.m = self.admin
         self.write_nacm("<write-default>permit</write-default>")  # bob is no superuser
@@ -61,15 +60,11 @@ class NotificationTest(base.DaemonTestCase):
                 if commit:
                     bob.commit()
                 name, event = self.next_event(subscriber)
-                self.assertEqual(name, "netconf-config-change")
-                self.assertEqual(base.texts(event, "username"), ["bob"])
-                self.assertEqual(base.texts(event, "session-id"), [str(bob.session_id)])
-                self.assertEqual(base.texts(event, "datastore"), ["running"])
-                targets = base.texts(event, "target")
-                operations = base.texts(event, "operation")
-                expected = ([(PROFILE, "replace")] if commit
-                            else [("/tk-antivirus:antivirus", "create")])
-                self.assertEqual(list(zip(targets, operations)), expected)
+                fields = [base.texts(event, field) for field in ("username", "session-id", "datastore")]
+                self.assertEqual((name, fields),
+                                 ("netconf-config-change", [["bob"], [str(bob.session_id)], ["running"]]))
+                expected = [(PROFILE, "replace")] if commit else [("/tk-antivirus:antivirus", "create")]
+                self.assertEqual(list(zip(base.texts(event, "target"), base.texts(event, "operation"))), expected)
         # Interleave: the subscriber's own requests are served, and counted.
         self.assertEqual(int(self.statistic("out-notifications", subscriber)), before + 2)
 
@@ -85,10 +80,9 @@ class NotificationTest(base.DaemonTestCase):
         victim.get_config(source="running")  # served: the daemon has registered the session
         self.admin.kill_session(victim.session_id)
         name, event = self.next_event(subscriber)
-        self.assertEqual(name, "netconf-session-end")
-        self.assertEqual(base.texts(event, "session-id"), [str(victim.session_id)])
-        self.assertEqual(base.texts(event, "termination-reason"), ["killed"])
-        self.assertEqual(base.texts(event, "killed-by"), [str(self.admin.session_id)])
+        fields = [base.texts(event, field) for field in ("session-id", "termination-reason", "killed-by")]
+        self.assertEqual((name, fields), ("netconf-session-end",
+                                          [[str(victim.session_id)], ["killed"], [str(self.admin.session_id)]]))
 
     def test_replay_from_a_start_time(self):
         self.admin.edit_config(target="running", config=base.described("before"))
@@ -136,9 +130,7 @@ class NotificationTest(base.DaemonTestCase):
                 if tag:
                     self.assertEqual(raised.exception.tag, tag)
         m.create_subscription()
-        with self.assertRaises(RPCError) as raised:
-            m.create_subscription()
-        self.assertEqual(raised.exception.tag, "in-use")
+        self.assertEqual(base.error_tag(m.create_subscription), "in-use")
 
 
 if __name__ == "__main__":
